@@ -1,0 +1,74 @@
+// The locks of the two memory pools: a mutex that one thread may take without a locked instruction.
+//
+// Most instances are used by one thread, and two uncontended mutex pairs cost four times what
+// malloc and free cost. So a pool's mutex is biased to the first thread that takes it: that thread
+// marks itself busy with plain stores. Any other thread first takes the mutex, ends the bias for
+// good and waits until its holder is out; from then on the mutex alone decides. A process-wide
+// memory barrier (the membarrier system call), paid by the thread that ends the bias, orders the
+// two sides.
+//
+// Only list and counter updates are done under these locks: nothing blocks, calls out or can be
+// cancelled inside. After fork a bias of another thread is ended in the child like any other, as
+// long as that thread was not inside; a child of a threaded process may not assume more of a mutex
+// either.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "osal/internal/mutex.h"
+#include "osal/types.h"
+
+namespace osal {
+
+// Who a pool's mutex is biased to. All zero: nobody yet.
+struct PoolBias {
+    std::atomic<std::uintptr_t> owner;  // thread_token(), kNobody or kEnded
+    std::atomic<UINT32> busy;           // 1 while the owner is inside
+};
+
+class SCOPED_CAPABILITY PoolLock {
+  public:
+    PoolLock(Mutex& mutex, PoolBias& bias) ACQUIRE(mutex)
+        : mutex_(mutex), bias_(bias), biased_(enter_biased(bias)) {
+        if (!biased_) enter_locked();
+    }
+    ~PoolLock() RELEASE() {
+        bias_.busy.store(0, std::memory_order_release);
+        if (!biased_) mutex_.unlock();
+    }
+    PoolLock(const PoolLock&) = delete;
+    PoolLock& operator=(const PoolLock&) = delete;
+
+  private:
+    // The address of the thread's control block: unique among live threads. A later thread may get
+    // it again; it then continues the bias of a thread that is gone.
+    static std::uintptr_t thread_token() {
+        std::uintptr_t token;
+        asm("mov %%fs:0, %0" : "=r"(token));
+        return token;
+    }
+
+    static bool enter_biased(PoolBias& bias) NO_THREAD_SAFETY_ANALYSIS {
+        const std::uintptr_t self = thread_token();
+        if (bias.owner.load(std::memory_order_relaxed) != self) return false;
+        // Orders this section behind the last one of a thread whose control block this thread got.
+        (void)bias.busy.load(std::memory_order_acquire);
+        bias.busy.store(1, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);  // made a real one by membarrier
+        if (bias.owner.load(std::memory_order_acquire) == self) return true;
+        bias.busy.store(0, std::memory_order_release);
+        return false;
+    }
+
+    void enter_locked() NO_THREAD_SAFETY_ANALYSIS;
+
+    Mutex& mutex_;
+    PoolBias& bias_;
+    const bool biased_;
+};
+
+// Asks the kernel for the barrier. Until it was granted no mutex gets a bias. Called at start-up.
+void enable_pool_bias();
+
+}  // namespace osal

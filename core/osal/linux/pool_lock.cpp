@@ -1,0 +1,46 @@
+// Slow side of the pool locks, and the memory barrier that makes their fast side possible.
+#include "osal/internal/pool_lock.h"
+
+#include <linux/membarrier.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace osal {
+namespace {
+
+constexpr std::uintptr_t kNobody = 0;
+constexpr std::uintptr_t kEnded = 1;
+
+constinit std::atomic<bool> barrier_granted{false};
+
+long membarrier(int command) {
+    return syscall(SYS_membarrier, command, 0, 0);
+}
+
+// Caller holds the pool's mutex, so one thread at a time gets here.
+void end_bias(PoolBias& bias) {
+    bias.owner.store(kEnded);
+    membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+    // Either the owner saw the end, or its mark is visible here by now.
+    while (bias.busy.load(std::memory_order_acquire) != 0)
+        sched_yield();
+}
+
+}  // namespace
+
+void enable_pool_bias() {
+    barrier_granted.store(membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0);
+}
+
+void PoolLock::enter_locked() {
+    mutex_.lock();
+    const std::uintptr_t owner = bias_.owner.load(std::memory_order_relaxed);
+    if (owner == kEnded) return;
+    if (owner != kNobody) return end_bias(bias_);
+    // The first section runs under the mutex; the next ones of this thread need it no more.
+    if (barrier_granted.load(std::memory_order_relaxed))
+        bias_.owner.store(thread_token(), std::memory_order_relaxed);
+}
+
+}  // namespace osal

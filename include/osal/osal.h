@@ -1,0 +1,16 @@
+/* Everything a client needs: one include for the whole library. */
+#ifndef OSAL_OSAL_H
+#define OSAL_OSAL_H
+
+#include "osal/component.h"
+#include "osal/debug.h"
+#include "osal/identifiers.h"
+#include "osal/iosal.h"
+#include "osal/list.h"
+#include "osal/memory.h"
+#include "osal/primitives.h"
+#include "osal/status.h"
+#include "osal/time.h"
+#include "osal/types.h"
+
+#endif
