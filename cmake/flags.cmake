@@ -29,13 +29,12 @@ function(osal_shared_library target)
   cmake_parse_arguments(ARG "" "MAP;OUTPUT" "SOURCES" ${ARGN})
   add_library(${target} SHARED ${ARG_SOURCES})
   set(map ${CMAKE_CURRENT_BINARY_DIR}/${target}.map)
-  file(GLOB lists CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/osal/*.h)
   add_custom_command(OUTPUT ${map}
-    COMMAND ${CMAKE_C_COMPILER} -E -P -x c -I${CMAKE_SOURCE_DIR}/include
+    COMMAND ${CMAKE_C_COMPILER} -E -P -x c -MD -MF ${map}.d -MT ${map} -I${CMAKE_SOURCE_DIR}/include
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/identifiers.h
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/slots_iosal.h
             ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} -o ${map}
-    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} ${lists}
+    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} DEPFILE ${map}.d
     COMMENT "Linker map of ${target}" VERBATIM)
   add_custom_target(${target}_map DEPENDS ${map})
   add_dependencies(${target} ${target}_map)
