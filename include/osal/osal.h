@@ -9,6 +9,7 @@
 #include "osal/list.h"
 #include "osal/memory.h"
 #include "osal/primitives.h"
+#include "osal/statistics.h"
 #include "osal/status.h"
 #include "osal/time.h"
 #include "osal/types.h"

@@ -172,7 +172,7 @@
     SLOT(86, KxGetSystemTime, KxGetSystemTime, void, (PIOsal pThis, PUINT64 pCurrentTime))        \
     SLOT(87, KxRegisterModuleName, KxRegisterModuleName, KCSTATUS,                                \
          (PIOsal pThis, const CHAR* pModuleName))                                                 \
-    VACANT(88, KxGetGeneralOsalStatistics, KxGetGeneralOsalStatistics, KCSTATUS,                  \
+    SLOT(88, KxGetGeneralOsalStatistics, KxGetGeneralOsalStatistics, KCSTATUS,                    \
          (PIOsal pThis, PUINT32 pSize, PVOID pStatBuf))                                           \
     VACANT(89, KxDeleteValue, KxDeleteValue, KCSTATUS,                                            \
          (PIOsal pThis, HANDLE Handle, const WCHAR* pValueNameW))

@@ -7,22 +7,7 @@
 #include "osal/internal/mutex.h"
 #include "osal/internal/pool_lock.h"
 #include "osal/iosal.h"
-
-// The twelve usage counters, in record order: one list for the record, the statistics and the
-// tests.
-#define OSAL_COUNTERS(X)            \
-    X(EventInUse)                   \
-    X(KeyInUse)                     \
-    X(LockInUse)                    \
-    X(MemoryNonPagedTotalAllocated) \
-    X(MemoryNonPagedInUse)          \
-    X(MemoryPagedTotalAllocated)    \
-    X(MemoryPagedInUse)             \
-    X(MutexInUse)                   \
-    X(SpinLockInUse)                \
-    X(ThreadInUse)                  \
-    X(TimerInUse)                   \
-    X(WorkItemInUse)
+#include "osal/statistics.h"
 
 // One client's view of the library. Made by OsalFactoryCreateInstance on the C heap with one
 // reference; freed by the OsalReleaseReference that drops the last one, with whatever is still on
