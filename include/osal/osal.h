@@ -7,6 +7,7 @@
 #include "osal/identifiers.h"
 #include "osal/iosal.h"
 #include "osal/list.h"
+#include "osal/lock.h"
 #include "osal/memory.h"
 #include "osal/primitives.h"
 #include "osal/statistics.h"

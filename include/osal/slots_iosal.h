@@ -118,36 +118,36 @@
          (PIOsal pThis, UINT32 Value, UINT32 Base, UNICODE_STRING* pString))                      \
     VACANT(56, KxUnicodeStringToInteger, KxUnicodeStringToInteger, KCSTATUS,                      \
          (PIOsal pThis, const UNICODE_STRING* pString, UINT32 Base, PUINT32 pValue))              \
-    VACANT(57, KxAcquireLockForReadAccess, KxAcquireLockForReadAccess, KCSTATUS,                  \
+    SLOT(57, KxAcquireLockForReadAccess, KxAcquireLockForReadAccess, KCSTATUS,                  \
          (PIOsal pThis, HANDLE Handle, BOOLEAN bWait))                                            \
-    VACANT(58, KxAcquireLockForWriteAccess, KxAcquireLockForWriteAccess, KCSTATUS,                \
+    SLOT(58, KxAcquireLockForWriteAccess, KxAcquireLockForWriteAccess, KCSTATUS,                \
          (PIOsal pThis, HANDLE Handle, BOOLEAN bWait))                                            \
-    VACANT(59, KxAcquireMutex, KxAcquireMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    VACANT(60, KxAcquireSpinLock, KxAcquireSpinLock, KCSTATUS,                                    \
+    SLOT(59, KxAcquireMutex, KxAcquireMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
+    SLOT(60, KxAcquireSpinLock, KxAcquireSpinLock, KCSTATUS,                                    \
          (PIOsal pThis, HANDLE Handle, KCSPIN_STATE* pPrevState))                                 \
     VACANT(61, KxAllocEvent, KxAllocEvent, KCSTATUS,                                              \
          (PIOsal pThis, KX_EVENT_TYPE EventType, HANDLE* pHandle))                                \
-    VACANT(62, KxAllocMutex, KxAllocMutex, KCSTATUS,                                              \
+    SLOT(62, KxAllocMutex, KxAllocMutex, KCSTATUS,                                              \
          (PIOsal pThis, UINT32 Level, HANDLE* pHandle))                                           \
-    VACANT(63, KxAllocReadWriteLock, KxAllocReadWriteLock, KCSTATUS,                              \
+    SLOT(63, KxAllocReadWriteLock, KxAllocReadWriteLock, KCSTATUS,                              \
          (PIOsal pThis, HANDLE* pHandle))                                                         \
-    VACANT(64, KxAllocSpinLock, KxAllocSpinLock, KCSTATUS, (PIOsal pThis, HANDLE* pHandle))       \
+    SLOT(64, KxAllocSpinLock, KxAllocSpinLock, KCSTATUS, (PIOsal pThis, HANDLE* pHandle))       \
     VACANT(65, KxDestroyEvent, KxDestroyEvent, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    VACANT(66, KxDestroyMutex, KxDestroyMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    VACANT(67, KxDestroyReadWriteLock, KxDestroyReadWriteLock, KCSTATUS,                          \
+    SLOT(66, KxDestroyMutex, KxDestroyMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
+    SLOT(67, KxDestroyReadWriteLock, KxDestroyReadWriteLock, KCSTATUS,                          \
          (PIOsal pThis, HANDLE Handle))                                                           \
-    VACANT(68, KxDestroySpinLock, KxDestroySpinLock, KCSTATUS, (PIOsal pThis, HANDLE Handle))     \
-    VACANT(69, KxGetCurrentIrql, KxGetCurrentIrql, IRQ_LEVEL, (PIOsal pThis))                     \
-    VACANT(70, KxInterlockedDecrement, KxInterlockedDecrement, UINT32,                            \
+    SLOT(68, KxDestroySpinLock, KxDestroySpinLock, KCSTATUS, (PIOsal pThis, HANDLE Handle))     \
+    SLOT(69, KxGetCurrentIrql, KxGetCurrentIrql, IRQ_LEVEL, (PIOsal pThis))                     \
+    SLOT(70, KxInterlockedDecrement, KxInterlockedDecrement, UINT32,                            \
          (PIOsal pThis, UINT32* pValue))                                                          \
-    VACANT(71, KxInterlockedExchange, KxInterlockedExchange, UINT32,                              \
+    SLOT(71, KxInterlockedExchange, KxInterlockedExchange, UINT32,                              \
          (PIOsal pThis, UINT32* pTarget, UINT32 Value))                                           \
-    VACANT(72, KxInterlockedIncrement, KxInterlockedIncrement, UINT32,                            \
+    SLOT(72, KxInterlockedIncrement, KxInterlockedIncrement, UINT32,                            \
          (PIOsal pThis, UINT32* pValue))                                                          \
-    VACANT(73, KxReleaseMutex, KxReleaseMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    VACANT(74, KxReleaseReadWriteLock, KxReleaseReadWriteLock, KCSTATUS,                          \
+    SLOT(73, KxReleaseMutex, KxReleaseMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
+    SLOT(74, KxReleaseReadWriteLock, KxReleaseReadWriteLock, KCSTATUS,                          \
          (PIOsal pThis, HANDLE Handle))                                                           \
-    VACANT(75, KxReleaseSpinLock, KxReleaseSpinLock, KCSTATUS,                                    \
+    SLOT(75, KxReleaseSpinLock, KxReleaseSpinLock, KCSTATUS,                                    \
          (PIOsal pThis, HANDLE Handle, KCSPIN_STATE prevState))                                   \
     VACANT(76, KxResetEvent, KxResetEvent, KCSTATUS,                                              \
          (PIOsal pThis, HANDLE Handle, BOOLEAN* pPrevState))                                      \
