@@ -14,5 +14,6 @@
 #include "osal/status.h"
 #include "osal/time.h"
 #include "osal/types.h"
+#include "osal/workitem.h"
 
 #endif

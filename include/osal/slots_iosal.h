@@ -66,16 +66,16 @@
     VACANT(28, KxAllocTimer, KxAllocTimer, KCSTATUS,                                              \
          (PIOsal pThis, PKX_TIMER_ROUTINE pTimerRoutine, PVOID pContext, BOOLEAN bDispatchLevel,  \
           PHANDLE pHandle))                                                                       \
-    VACANT(29, KxAllocWorkItem, KxAllocWorkItem, KCSTATUS,                                        \
+    SLOT(29, KxAllocWorkItem, KxAllocWorkItem, KCSTATUS,                                        \
          (PIOsal pThis, PKX_WORK_ITEM_ROUTINE pWorkItemRoutine, PVOID pContext, HANDLE* pHandle)) \
     VACANT(30, KxCancelTimer, KxCancelTimer, BOOLEAN, (PIOsal pThis, HANDLE hTimer))              \
     VACANT(31, KxDestroyTimer, KxDestroyTimer, KCSTATUS, (PIOsal pThis, HANDLE hTimer))           \
-    VACANT(32, KxDestroyWorkItem, KxDestroyWorkItem, KCSTATUS, (PIOsal pThis, HANDLE hWork))      \
+    SLOT(32, KxDestroyWorkItem, KxDestroyWorkItem, KCSTATUS, (PIOsal pThis, HANDLE hWork))      \
     VACANT(33, KxScheduleTimer, KxScheduleTimer, KCSTATUS,                                        \
          (PIOsal pThis, HANDLE hTimer, UINT64 Timeout))                                           \
-    VACANT(34, KxScheduleWorkItem, KxScheduleWorkItem, KCSTATUS,                                  \
+    SLOT(34, KxScheduleWorkItem, KxScheduleWorkItem, KCSTATUS,                                  \
          (PIOsal pThis, HANDLE hWorkItem, KX_PRIORITY Priority))                                  \
-    VACANT(35, KxSleep, KxSleep, void, (PIOsal pThis, UINT64 Interval))                           \
+    SLOT(35, KxSleep, KxSleep, void, (PIOsal pThis, UINT64 Interval))                           \
     SLOT(36, KxCompareMemory, KxCompareMemory, UINT32,                                            \
          (PIOsal pThis, const void* pMemory1, const void* pMemory2, UINT32 Length))               \
     SLOT(37, KxCopyMemory, KxCopyMemory, void,                                                    \

@@ -1,4 +1,4 @@
-/* System time. */
+/* System time, and sleeping. */
 #ifndef OSAL_TIME_H
 #define OSAL_TIME_H
 
@@ -12,6 +12,10 @@ OSAL_BEGIN_DECLS
 /* Stores the current time of the realtime clock, in 100-nanosecond units since 1 January 1601 UTC.
  * pThis is ignored; pCurrentTime is not checked for null. Thread safe. */
 void KxGetSystemTime(PIOsal pThis, PUINT64 pCurrentTime);
+
+/* Blocks the calling thread for Interval microseconds. A signal that interrupts the sleep does not
+ * shorten it, but a second one does. pThis is ignored. A cancellation point. */
+void KxSleep(PIOsal pThis, UINT64 Interval);
 
 OSAL_END_DECLS
 

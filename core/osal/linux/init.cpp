@@ -16,6 +16,8 @@
 #include "osal/internal/instance.h"
 #include "osal/internal/list.h"
 #include "osal/internal/status.h"
+#include "osal/linux/internal/schedule.h"
+#include "osal/linux/internal/schedule_threads.h"
 
 using namespace osal;
 
@@ -38,6 +40,8 @@ constinit INT32 g_OsalNumWorkItemThreads = 0;
 }  // extern "C"
 
 namespace {
+
+constexpr Module kModule{KC_FACILITY_OSAL, "init"};
 
 constexpr UINT64 kThreadsWhenUnknown = 251;
 constexpr INT32 kFilesWhenUnknown = 251;
@@ -101,7 +105,13 @@ void OsalForkChildHandler() {
 
 KCSTATUS OsalInitialize() {
     register_fork_handler();
-    return create_own_instance();
+    if (const KCSTATUS status = create_own_instance(); status != KC_OK) return status;
+    if (InitWorkItemInfrastructure() != 0) {
+        syslog(LOG_USER | LOG_ERR, "WorkItemMutex init failed %x", 0);
+        return kModule.fail(KC_CODE_FAILED);
+    }
+    StartWorkItemInfrastructure();
+    return KC_OK;
 }
 
 KCSTATUS DllStart() {
@@ -117,9 +127,11 @@ KCSTATUS DllStart() {
 
 KCSTATUS OsalUninitialize() {
     g_Unload = TRUE;
+    UnInitWorkItemInfrastructure();
     while (library_threads_live())
         drain_pause();
     drain_pause();
+    join_library_threads();
     return KC_OK;
 }
 

@@ -1,0 +1,83 @@
+// Timers and work items: their records, globals and infrastructure.
+#pragma once
+
+#include <cstddef>
+
+#include <pthread.h>
+
+#include "osal/internal/handle.h"
+#include "osal/internal/mutex.h"
+#include "osal/types.h"
+
+// A work item. Allocated by KxAllocWorkItem from the caller's paged pool, freed by
+// KxDestroyWorkItem.
+//
+// Signature, pCallerRoutine, pCallerContext: never change while the item lives.
+// schedQueue: guarded by the queue's mutex. pending: set under it, cleared without it by the worker
+// that took the item, read without it by KxDestroyWorkItem.
+// Link, Link2: neither initialised nor used.
+struct _KX_WORK_ITEM_HANDLE_ {
+    static constexpr UINT32 kSignature = osal::four_cc("WORK");
+
+    LIST_ENTRY Link;
+    LIST_ENTRY Link2;
+    UINT32 Signature;
+    LIST_ENTRY schedQueue;
+    BOOLEAN pending;
+    PKX_WORK_ITEM_ROUTINE pCallerRoutine;
+    PVOID pCallerContext;
+};
+using KX_WORK_ITEM_HANDLE = _KX_WORK_ITEM_HANDLE_;
+using PKX_WORK_ITEM_HANDLE = _KX_WORK_ITEM_HANDLE_*;
+static_assert(offsetof(_KX_WORK_ITEM_HANDLE_, Signature) == 32);
+static_assert(offsetof(_KX_WORK_ITEM_HANDLE_, schedQueue) == 40);
+static_assert(offsetof(_KX_WORK_ITEM_HANDLE_, pending) == 56);
+static_assert(offsetof(_KX_WORK_ITEM_HANDLE_, pCallerRoutine) == 64);
+static_assert(offsetof(_KX_WORK_ITEM_HANDLE_, pCallerContext) == 72);
+static_assert(sizeof(_KX_WORK_ITEM_HANDLE_) == 80);
+
+// The queue of work items. mutex guards listHead, oldest first, the items' links and pending, and
+// the flags of every worker slot. exit, condition: part of the record only.
+struct _QUEUE_INFO {
+    BOOLEAN exit;
+    osal::Mutex mutex;
+    pthread_cond_t condition;
+    LIST_ENTRY listHead GUARDED_BY(mutex);
+};
+using QUEUE_INFO = _QUEUE_INFO;
+static_assert(offsetof(_QUEUE_INFO, mutex) == 8);
+static_assert(offsetof(_QUEUE_INFO, condition) == 48);
+static_assert(offsetof(_QUEUE_INFO, listHead) == 96);
+
+// One worker's slot; all of it guarded by the queue's mutex.
+struct _WorkItemThreadObj {
+    BOOLEAN exit;              // the worker is to end
+    BOOLEAN inactive;          // set by the worker when it goes to sleep, cleared by who wakes it
+    pthread_cond_t condition;  // the worker's own wake-up
+};
+using WorkItemThreadObj = _WorkItemThreadObj;
+using PWorkItemThreadObj = _WorkItemThreadObj*;
+static_assert(offsetof(_WorkItemThreadObj, inactive) == 1);
+static_assert(offsetof(_WorkItemThreadObj, condition) == 8);
+
+namespace osal {
+constexpr INT32 kWorkerSlots = 8;
+}
+
+OSAL_BEGIN_DECLS
+
+extern QUEUE_INFO g_OsalWorkItemQueue;
+extern WorkItemThreadObj g_OsalWorkItemThreads[osal::kWorkerSlots];
+extern INT32 g_OsalCurrentWorkItems;  // items queued and not yet taken; atomic
+
+// Makes the queue. -1 if its mutex could not be made, else 0.
+int InitWorkItemInfrastructure(void);
+// Starts the workers, slot by slot up to the first that cannot be started.
+void StartWorkItemInfrastructure(void);
+// Tells the workers to end; does not wait. Harmless if they were never started.
+void UnInitWorkItemInfrastructure(void);
+
+// The body of a worker; its argument is the slot.
+void* OsalWorkItemThread(void* slot);
+
+OSAL_END_DECLS

@@ -1,0 +1,66 @@
+// Start and end of the library's own threads.
+#include "osal/linux/internal/schedule_threads.h"
+
+#include <atomic>
+#include <initializer_list>
+
+#include <pthread.h>
+#include <signal.h>
+
+#include "osal/internal/atomics.h"
+
+namespace osal {
+namespace {
+
+constexpr pthread_t kNone = 0;
+
+// The thread that left last, not joined yet.
+constinit std::atomic<pthread_t> last_to_leave{kNone};
+
+void join(pthread_t thread) {
+    if (thread != kNone) pthread_join(thread, nullptr);
+}
+
+// The signals that a thread raises by what it does itself stay open: blocked, they would kill the
+// process without its handlers.
+sigset_t all_but_faults() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+        sigdelset(&signals, fault);
+    return signals;
+}
+
+}  // namespace
+
+bool start_library_thread(ThreadRoutine routine, void* argument) {
+    const sigset_t blocked = all_but_faults();
+    sigset_t callers;
+    pthread_t thread;
+    // A thread inherits the mask of its maker, so that no signal can slip in before it runs.
+    pthread_sigmask(SIG_SETMASK, &blocked, &callers);
+    const bool started = pthread_create(&thread, nullptr, routine, argument) == 0;
+    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    return started;
+}
+
+void enter_library_thread(const char* name) {
+    pthread_setname_np(pthread_self(), name);
+}
+
+void leave_library_thread(INT32& live_count) {
+    // In the chain before the count drops: who sees the count at zero finds the thread there.
+    join(last_to_leave.exchange(pthread_self()));
+    decrement(live_count);
+    pthread_exit(nullptr);
+}
+
+void join_library_threads() {
+    join(last_to_leave.exchange(kNone));
+}
+
+void forget_library_threads() {
+    last_to_leave.store(kNone);
+}
+
+}  // namespace osal

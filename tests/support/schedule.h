@@ -1,0 +1,71 @@
+// Helpers of tests of timers and work items.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "osal/osal.h"
+
+namespace osal_test {
+
+// Whether a condition that other threads bring about comes true within a generous time.
+bool eventually(const std::function<bool()>& condition);
+
+// Whether every worker sleeps with nothing queued.
+bool workers_idle();
+
+// Stops the workers; queued items stay queued until the object goes, and none runs.
+class StoppedWorkers {
+  public:
+    StoppedWorkers();
+};
+
+// Stops every thread of the library.
+class StoppedThreads {
+  public:
+    StoppedThreads();
+};
+
+// Keeps all eight workers in routines that wait.
+class BusyWorkers {
+  public:
+    static constexpr int kItems = 8;
+
+    explicit BusyWorkers(PIOsal osal);
+    ~BusyWorkers();
+    void release_one();
+    void release();  // all
+    void finish();   // releases all and waits until they are out
+
+  private:
+    struct Gate;
+    PIOsal osal_;
+    std::shared_ptr<Gate> gate_;
+    std::vector<HANDLE> items_;
+};
+
+// Items with a number each that note the order in which they are run.
+class RunOrder {
+  public:
+    explicit RunOrder(PIOsal osal) : osal_(osal) {}
+    ~RunOrder();
+    void schedule(int number);
+    std::vector<int> taken();
+
+  private:
+    struct Numbered {
+        RunOrder* order;
+        int number;
+    };
+    static void* note(HANDLE item, void* context);
+
+    PIOsal osal_;
+    std::mutex mutex_;
+    std::vector<int> taken_;
+    std::vector<std::unique_ptr<Numbered>> numbered_;
+    std::vector<HANDLE> items_;
+};
+
+}  // namespace osal_test
