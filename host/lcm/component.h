@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <string>
 
 #include "osal/component.h"
@@ -10,8 +11,7 @@
 
 namespace lcm {
 
-// A loaded component. Made and freed by the runtime, immutable but for `next`, which the runtime's
-// table lock guards.
+// A loaded component. Made and freed by the runtime; immutable but for `next`.
 struct Component {
     std::string file;  // real path
     dev_t device;      // identity of the file, whatever name it comes under
@@ -21,7 +21,7 @@ struct Component {
     decltype(&DllStart) start;
     decltype(&DllStop) stop;
     decltype(&DllGetClassObject) class_object;
-    Component* next;
+    std::atomic<Component*> next;
 
     bool serves(const GUID& clsid) const;
     bool is_file(const struct stat& status) const {

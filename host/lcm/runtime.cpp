@@ -1,11 +1,12 @@
 // The component runtime: start, stop, and the way to an instance.
 //
 // Locks, in order: start_mutex serialises LcmStart and LcmStop, and is held while components are
-// loaded, started and stopped. table_lock guards the list of components; it is held shared while a
-// class is looked up and made, so that its component stays loaded, and exclusively only to change
-// the list, never while a component's code runs. It is of the kind that prefers readers: a thread
-// that holds it shared may take it so again, which it does when a component makes an instance of
-// another's class.
+// loaded, started and stopped. table_lock keeps components in the list: it is held shared while a
+// class is looked up and made, and exclusively to take the list away, never while a component's
+// code runs. It is of the kind that prefers readers: a thread that holds it shared may take it so
+// again, which it does when a component makes an instance of another's class. Since readers could
+// keep a writer out for ever, a stop first shuts out new calls, and a component is appended without
+// the lock: the store that links it is the last one.
 #include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -33,7 +34,8 @@ OSAL_IDENTIFIERS(LCM_DEFINE_IDENTIFIER)
 constinit pthread_mutex_t start_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_rwlock_t table_lock = PTHREAD_RWLOCK_INITIALIZER;
 
-constinit Component* first_component = nullptr;  // changed under both locks
+// Appended to under start_mutex, emptied under both locks.
+constinit std::atomic<Component*> first_component{nullptr};
 
 // Whether new calls are let in. Set before the first component is there and cleared before the last
 // one goes.
@@ -95,10 +97,9 @@ bool is_loaded(const struct stat& status) {
 }
 
 void append(Component* component) {
-    ExclusiveTable table;
-    Component** end = &first_component;
-    while (*end != nullptr)
-        end = &(*end)->next;
+    std::atomic<Component*>* end = &first_component;
+    while (Component* earlier = *end)
+        end = &earlier->next;
     *end = component;
 }
 
@@ -180,7 +181,7 @@ Component* take_reversed() {
     ExclusiveTable table;
     Component* reversed = nullptr;
     while (Component* component = first_component) {
-        first_component = component->next;
+        first_component = component->next.load();
         component->next = reversed;
         reversed = component;
     }

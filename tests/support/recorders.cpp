@@ -4,6 +4,8 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <string_view>
+
 #include "osal/status.h"
 
 namespace osal_test {
@@ -14,9 +16,9 @@ LogRecorder* current_log = nullptr;
 
 }  // namespace
 
-StatusRecorder::StatusRecorder() {
+StatusRecorder::StatusRecorder(const char* library) {
     current_statuses = this;
-    hook_.emplace("osal.so", "KcStatusBuild_log", &StatusRecorder::build);
+    hook_.emplace(library, "KcStatusBuild_log", &StatusRecorder::build);
 }
 
 StatusRecorder::~StatusRecorder() {
@@ -52,10 +54,12 @@ void StatusRecorder::expect_none() {
     EXPECT_TRUE(take().empty()) << "a status was built";
 }
 
-LogRecorder::LogRecorder() {
+LogRecorder::LogRecorder(const char* library) {
     current_log = this;
-    syslog_.emplace("osal.so", "syslog", &LogRecorder::log);
-    vsyslog_.emplace("osal.so", "vsyslog", &LogRecorder::vlog);
+    syslog_.emplace(library, "syslog", &LogRecorder::log);
+    // Only osal.so writes lines of its callers'.
+    if (std::string_view(library) == "osal.so")
+        vsyslog_.emplace(library, "vsyslog", &LogRecorder::vlog);
 }
 
 LogRecorder::~LogRecorder() {

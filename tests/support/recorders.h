@@ -1,4 +1,5 @@
-// Recorders of what osal.so says to the outside: statuses it builds, and lines it logs.
+// Recorders of what osal.so, or another library, says to the outside: statuses it builds, and lines
+// it logs.
 //
 // One object of a kind at a time. Both are thread safe; both pass the statuses on.
 #pragma once
@@ -25,7 +26,7 @@ struct BuiltStatus {
 // Stands in for the status library.
 class StatusRecorder {
   public:
-    StatusRecorder();
+    explicit StatusRecorder(const char* library = "osal.so");
     ~StatusRecorder();
 
     // What was built since the last call, in order.
@@ -56,7 +57,7 @@ struct LoggedLine {
 // Stands in for syslog and vsyslog; nothing reaches the system log meanwhile.
 class LogRecorder {
   public:
-    LogRecorder();
+    explicit LogRecorder(const char* library = "osal.so");
     ~LogRecorder();
     std::vector<LoggedLine> take();
 
