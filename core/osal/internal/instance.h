@@ -48,6 +48,10 @@ struct OsalObjInfo {
     // Behind the stated fields.
     osal::PoolBias non_paged_bias;  // ProtectionSpinLock's
     osal::PoolBias paged_bias;      // ProtectionMutex's
+
+    // Keeps the next record on the heap, often another thread's instance, off the cache lines that
+    // each allocation through this one writes.
+    char apart[128];
 };
 static_assert(offsetof(OsalObjInfo, lpVtbl) == 0);
 static_assert(offsetof(OsalObjInfo, cReference) == 8);
