@@ -1,4 +1,5 @@
 // String hashes for hash tables.
+#include "osal/internal/text.h"
 #include "osal/primitives.h"
 
 namespace {
@@ -22,9 +23,10 @@ UINT32 KxStrHash(PIOsal, const CHAR* pString, UINT32 HashTableSize) {
 }
 
 UINT32 KxStrHashW(PIOsal, const WCHAR* pStringW, UINT32 HashTableSize) {
-    if (*pStringW == 0) return 0;
+    const osal::LooseUnit* unit = pStringW;
+    if (*unit == 0) return 0;
     UINT32 hash = 0;
-    for (; *pStringW != 0; ++pStringW)
-        hash = add_byte(add_byte(hash, *pStringW & 0xFFu), *pStringW >> 8);
+    for (; *unit != 0; ++unit)
+        hash = add_byte(add_byte(hash, *unit & 0xFFu), *unit >> 8);
     return hash % HashTableSize;
 }

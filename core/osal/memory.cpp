@@ -23,23 +23,45 @@ namespace {
 
 constexpr Module kModule{KC_FACILITY_OSAL, "memory"};
 
-// Both counters are read by the statistics without the pool's lock.
+// One of an instance's two pools.
+struct Pool {
+    Mutex& mutex;
+    PoolBias& bias;
+    LIST_ENTRY& list;
+    UINT32& total;
+    UINT32& in_use;
+};
+
+Pool pool_of(OsalObjInfo& instance, POOL_TYPE type) {
+    if (type == NonPagedPool)
+        return {instance.ProtectionSpinLock, instance.non_paged_bias, instance.MemoryNonPagedList,
+                instance.MemoryNonPagedTotalAllocated, instance.MemoryNonPagedInUse};
+    return {instance.ProtectionMutex, instance.paged_bias, instance.MemoryPagedList,
+            instance.MemoryPagedTotalAllocated, instance.MemoryPagedInUse};
+}
+
+// The statistics read the counters without the pool's lock.
 void add(UINT32& counter, UINT32 amount) {
     store(counter, counter + amount, std::memory_order_relaxed);
 }
 
-void enlist(LIST_ENTRY& list, UINT32& total, UINT32& in_use, PoolBlock* block) {
-    OpenLink last(list.Blink, &list);
-    OsalInsertTailList(&list, &block->Link);
-    add(total, block->Size);
-    add(in_use, block->Size);
+// Guards are opened and closed under the lock: neighbours on the list open each other's links.
+void enlist(const Pool& pool, PoolBlock* block) {
+    PoolLock lock(pool.mutex, pool.bias);
+    OpenLink last(pool.list.Blink, &pool.list);
+    OsalInsertTailList(&pool.list, &block->Link);
+    add(pool.total, block->Size);
+    add(pool.in_use, block->Size);
+    close_guards(block);
 }
 
-void delist(LIST_ENTRY& list, UINT32& in_use, PoolBlock* block) {
-    OpenLink next(block->Link.Flink, &list);
-    OpenLink previous(block->Link.Blink, &list);
+void delist(const Pool& pool, PoolBlock* block) {
+    PoolLock lock(pool.mutex, pool.bias);
+    open_guards(block);
+    OpenLink next(block->Link.Flink, &pool.list);
+    OpenLink previous(block->Link.Blink, &pool.list);
     OsalRemoveEntryList(&block->Link);
-    add(in_use, 0u - block->Size);
+    add(pool.in_use, 0u - block->Size);
 }
 
 PoolBlock* new_block(OsalObjInfo* instance, UINT32 size, POOL_TYPE pool) {
@@ -55,10 +77,18 @@ PoolBlock* new_block(OsalObjInfo* instance, UINT32 size, POOL_TYPE pool) {
     return block;
 }
 
+PVOID allocate(PIOsal pThis, UINT32 size, POOL_TYPE type) {
+    OsalObjInfo* instance = live(pThis);
+    PoolBlock* block = new_block(instance, size, type);
+    if (block == nullptr) return nullptr;
+    enlist(pool_of(*instance, type), block);
+    return user_area(block);
+}
+
 // What is wrong with a block, or null. Reads guards that AddressSanitizer would report, of blocks
 // that were released before as well.
 NO_ADDRESS_CHECKS const char* fault_of(PIOsal pThis, PoolBlock* block) {
-    if (block->Signature != PoolBlock::kSignature)
+    if (!is_aligned(block) || block->Signature != PoolBlock::kSignature)
         return "OSAL -KxFreeMemory- Called with invalid memory pointer\n";
     auto* trailer = reinterpret_cast<PoolTrailer*>(reinterpret_cast<char*>(block) + sizeof *block +
                                                    std::size_t{block->Size});
@@ -68,32 +98,18 @@ NO_ADDRESS_CHECKS const char* fault_of(PIOsal pThis, PoolBlock* block) {
     return nullptr;
 }
 
+NO_ADDRESS_CHECKS POOL_TYPE pool_type(const PoolBlock* block) {
+    return block->PoolType;
+}
+
 }  // namespace
 
 PVOID KxAllocNonPagedMemory(PIOsal pThis, UINT32 Size) {
-    OsalObjInfo* instance = live(pThis);
-    PoolBlock* block = new_block(instance, Size, NonPagedPool);
-    if (block == nullptr) return nullptr;
-    {
-        PoolLock lock(instance->ProtectionSpinLock, instance->non_paged_bias);
-        enlist(instance->MemoryNonPagedList, instance->MemoryNonPagedTotalAllocated,
-               instance->MemoryNonPagedInUse, block);
-    }
-    close_guards(block);
-    return user_area(block);
+    return allocate(pThis, Size, NonPagedPool);
 }
 
 PVOID KxAllocPagedMemory(PIOsal pThis, UINT32 Size) {
-    OsalObjInfo* instance = live(pThis);
-    PoolBlock* block = new_block(instance, Size, PagedPool);
-    if (block == nullptr) return nullptr;
-    {
-        PoolLock lock(instance->ProtectionMutex, instance->paged_bias);
-        enlist(instance->MemoryPagedList, instance->MemoryPagedTotalAllocated,
-               instance->MemoryPagedInUse, block);
-    }
-    close_guards(block);
-    return user_area(block);
+    return allocate(pThis, Size, PagedPool);
 }
 
 KCSTATUS KxFreeMemory(PIOsal pThis, PVOID pMemory) {
@@ -104,14 +120,7 @@ KCSTATUS KxFreeMemory(PIOsal pThis, PVOID pMemory) {
         syslog(LOG_USER | LOG_DEBUG, "%s", fault);
         return kModule.fail(KC_CODE_CORRUPT);
     }
-    open_guards(block);
-    if (block->PoolType == NonPagedPool) {
-        PoolLock lock(instance->ProtectionSpinLock, instance->non_paged_bias);
-        delist(instance->MemoryNonPagedList, instance->MemoryNonPagedInUse, block);
-    } else {
-        PoolLock lock(instance->ProtectionMutex, instance->paged_bias);
-        delist(instance->MemoryPagedList, instance->MemoryPagedInUse, block);
-    }
+    delist(pool_of(*instance, pool_type(block)), block);
     retire_to_heap(block);
     return KC_OK;
 }

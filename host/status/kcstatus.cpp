@@ -81,22 +81,27 @@ int output() {
     return value != kNotChosen ? value : choose_output();
 }
 
+// Bounded, so that neither this library nor syslog needs memory for a line.
+#define LINE_FORMAT "%s %s 0x%08X (%s) at %.200s:%u in %.200s"
+constexpr std::size_t kLineSize = 600;
+
+// One write, so that lines of several threads do not mix. A failed one has nobody to tell.
+void write_to_stderr(char* text, int length) {
+    text[length] = '\n';
+    if (write(STDERR_FILENO, text, static_cast<std::size_t>(length) + 1) < 0) return;
+}
+
 void write_line(int where, KCSTATUS status, const char* file, UINT32 line, const char* function) {
     const char* facility = KcStatusFacilityName(status);
     const char* severity = kSeverities[KC_SEVERITY(status)];
     const char* name = KcStatusName(status);
     if (where != kStandardError)
-        return syslog(LOG_USER | where, "%s %s 0x%08X (%s) at %s:%u in %s", facility, severity,
-                      status, name, file, line, function);
-    char text[512];
-    const int length = snprintf(text, sizeof text, "%s %s 0x%08X (%s) at %s:%u in %s\n", facility,
-                                severity, status, name, file, line, function);
-    if (length <= 0) return;
-    const std::size_t size = static_cast<std::size_t>(length) < sizeof text
-                                 ? static_cast<std::size_t>(length)
-                                 : sizeof text - 1;
-    // One write, so that lines of several threads do not mix. A failed one has nobody to tell.
-    if (write(STDERR_FILENO, text, size) < 0) return;
+        return syslog(LOG_USER | where, LINE_FORMAT, facility, severity, status, name, file, line,
+                      function);
+    char text[kLineSize];
+    const int length = snprintf(text, sizeof text, LINE_FORMAT, facility, severity, status, name,
+                                file, line, function);
+    if (length > 0) write_to_stderr(text, length);
 }
 
 }  // namespace

@@ -14,7 +14,8 @@ OSAL_BEGIN_DECLS
 /* Packs a status and logs one line that names it and the place it arose at.
  *
  * severity 0..3, facility 0..16383 and code 0..65535; higher bits are dropped. file and function
- * are zero-terminated texts, used during the call only; a null one is logged as "?".
+ * are zero-terminated texts, used during the call only; a null one is logged as "?", a long one up
+ * to its 200th byte.
  *
  * The line goes to syslog with facility LOG_USER. Its priority is LOG_DEBUG unless the environment
  * variable KCSTATUS_LOG says otherwise: "error", "warning", "notice", "info" or "debug" choose a

@@ -1,5 +1,5 @@
 // Attributes: Clang's thread-safety analysis (nothing to other compilers; the clang preset makes a
-// broken promise an error), and exemption from AddressSanitizer.
+// broken promise an error), and exemptions from the sanitizers.
 #pragma once
 
 #if defined(__clang__)
@@ -19,3 +19,6 @@
 
 // For functions that read guarded or stale memory on purpose.
 #define NO_ADDRESS_CHECKS __attribute__((no_sanitize("address")))
+
+// For functions that read whole words, of which some bytes may be nobody's or another thread's.
+#define NO_MEMORY_CHECKS NO_ADDRESS_CHECKS __attribute__((no_sanitize("thread")))

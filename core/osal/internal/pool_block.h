@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "osal/internal/handle.h"
 #include "osal/memory.h"
@@ -58,6 +59,11 @@ inline void* user_area(PoolBlock* block) {
 }
 inline PoolBlock* block_of(void* memory) {
     return static_cast<PoolBlock*>(memory) - 1;
+}
+
+// Memory that is not is no block, whatever its bytes look like.
+inline bool is_aligned(const PoolBlock* block) {
+    return reinterpret_cast<std::uintptr_t>(block) % alignof(PoolBlock) == 0;
 }
 
 // In 64 bits: a size near the 32-bit maximum does not wrap.

@@ -34,6 +34,8 @@ class SCOPED_CAPABILITY PoolLock {
         if (!biased_) enter_locked();
     }
     ~PoolLock() RELEASE() {
+        // Under the mutex as well: the section that began a bias is released here to a thread that
+        // gets its owner's control block. Elsewhere the word is 0 already and read by nobody.
         bias_.busy.store(0, std::memory_order_release);
         if (!biased_) mutex_.unlock();
     }

@@ -68,7 +68,9 @@ void end_instance(OsalObjInfo* instance) {
     }
     instance->ProtectionMutex.destroy();
     instance->ProtectionSpinLock.destroy();
-    retire_to_heap(instance);
+    // Only the signature is cleared, so that a stale instance is known; Link keeps its marker.
+    wipe(&instance->Signature, sizeof instance->Signature);
+    std::free(instance);
 }
 
 CFInstance* factory_of(LCM_IClassFactory* This) {

@@ -3,7 +3,10 @@
 #include <string.h>
 
 #include "osal/internal/annotations.h"
+#include "osal/internal/text.h"
 #include "osal/primitives.h"
+
+using osal::LooseUnit;
 
 namespace {
 
@@ -31,7 +34,7 @@ UINT32 equal_vectors(const UCHAR* a, const UCHAR* b, UINT32 length) {
 
 // A bit for each of the 16 bytes at an aligned address that belongs to a zero unit. Reads the whole
 // vector: aligned vectors do not cross a page, so none reads what cannot be read.
-NO_ADDRESS_CHECKS UINT32 zero_units(const __m128i* units) {
+NO_MEMORY_CHECKS UINT32 zero_units(const __m128i* units) {
     return static_cast<UINT32>(_mm_movemask_epi8(_mm_cmpeq_epi16(*units, _mm_setzero_si128())));
 }
 
@@ -69,14 +72,14 @@ UINT32 KxStrlen(PIOsal, const CHAR* pString) {
 
 UINT32 KxStrlenW(PIOsal, const WCHAR* pStringW) {
     if (pStringW == nullptr) return 0;
-    const WCHAR* end = pStringW;
+    const LooseUnit* end = pStringW;
     // Unit by unit up to a vector boundary; a string at an odd address never gets there.
     for (; reinterpret_cast<uintptr_t>(end) % kVector != 0; ++end)
         if (*end == 0) return static_cast<UINT32>(end - pStringW);
     const auto* vector = reinterpret_cast<const __m128i*>(end);
     while (zero_units(vector) == 0)
         ++vector;
-    end =
-        reinterpret_cast<const WCHAR*>(vector) + __builtin_ctz(zero_units(vector)) / sizeof(WCHAR);
+    end = reinterpret_cast<const LooseUnit*>(vector);
+    end += __builtin_ctz(zero_units(vector)) / sizeof(WCHAR);
     return static_cast<UINT32>(end - pStringW);
 }
