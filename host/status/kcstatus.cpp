@@ -26,10 +26,12 @@ constexpr Name kCodes[] = {
     {KC_CODE_INVALID_HANDLE, "invalid handle or not found"},
     {KC_CODE_INVALID_ARGUMENT, "invalid argument"},
     {KC_CODE_NO_RESOURCES, "out of memory or resources"},
+    {KC_CODE_ACCESS_DENIED, "access denied"},
     {KC_CODE_BUFFER_TOO_SMALL, "buffer too small"},
     {KC_CODE_NO_MORE_ENTRIES, "no more entries"},
     {KC_CODE_TIMED_OUT, "timed out"},
     {KC_CODE_NO_MATCH, "no matching object"},
+    {KC_CODE_DAMAGED, "stored data damaged"},
     {KC_CODE_CORRUPT, "corrupt memory block or already initialised"},
     {KC_CODE_LOCK_NOT_ACQUIRED, "lock not acquired"},
     {KC_CODE_BUSY, "object busy"},
@@ -39,6 +41,7 @@ constexpr Name kCodes[] = {
 constexpr Name kFacilities[] = {
     {KC_FACILITY_OSAL, "osal"},
     {KC_FACILITY_RUNTIME, "component runtime"},
+    {KC_FACILITY_REGISTRY, "registry"},
     {KC_FACILITY_OBJECT, "object manager"},
 };
 

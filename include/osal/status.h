@@ -26,9 +26,10 @@
 #define KC_SEVERITY_ERROR 3u
 
 /* Facilities. */
-#define KC_FACILITY_OSAL 2033u    /* services and registry access: 0xC7F1.... */
-#define KC_FACILITY_RUNTIME 2036u /* component runtime: 0xC7F4.... */
-#define KC_FACILITY_OBJECT 2042u  /* object managers and their factory: 0xC7FA.... */
+#define KC_FACILITY_OSAL 2033u     /* services and registry access: 0xC7F1.... */
+#define KC_FACILITY_RUNTIME 2036u  /* component runtime: 0xC7F4.... */
+#define KC_FACILITY_REGISTRY 2037u /* registry library: 0xC7F5.... */
+#define KC_FACILITY_OBJECT 2042u   /* object managers and their factory: 0xC7FA.... */
 
 /* Success. */
 #define KC_OK ((KCSTATUS)0)
@@ -39,10 +40,12 @@
 #define KC_CODE_INVALID_HANDLE 3u         /* invalid handle, or not found */
 #define KC_CODE_INVALID_ARGUMENT 4u       /* invalid argument */
 #define KC_CODE_NO_RESOURCES 5u           /* out of memory or another resource */
+#define KC_CODE_ACCESS_DENIED 6u          /* a right is missing, or a file is protected */
 #define KC_CODE_BUFFER_TOO_SMALL 7u       /* the caller's buffer is too small */
 #define KC_CODE_NO_MORE_ENTRIES 9u        /* end of an enumeration */
 #define KC_CODE_TIMED_OUT 10u             /* the time-out expired */
 #define KC_CODE_NO_MATCH 11u              /* no object matches */
+#define KC_CODE_DAMAGED 12u               /* stored data are damaged or of another kind */
 #define KC_CODE_CORRUPT 0x1001u           /* corrupt memory block, or already initialised */
 #define KC_CODE_LOCK_NOT_ACQUIRED 0x1002u /* lock busy or refused */
 #define KC_CODE_BUSY 0x1003u              /* object in use */
