@@ -3,6 +3,7 @@
 #define OSAL_OSAL_H
 
 #include "osal/component.h"
+#include "osal/conversion.h"
 #include "osal/debug.h"
 #include "osal/identifiers.h"
 #include "osal/iosal.h"

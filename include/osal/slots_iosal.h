@@ -52,12 +52,12 @@
          (PIOsal pThis, PLIST_ENTRY pListHead))                                                   \
     SLOT(21, KxRemoveTailList, KxRemoveTailList, PLIST_ENTRY,                                     \
          (PIOsal pThis, PLIST_ENTRY pListHead))                                                   \
-    VACANT(22, KxCharUpperBuff, KxCharUpperBuff, KCSTATUS,                                        \
+    SLOT(22, KxCharUpperBuff, KxCharUpperBuff, KCSTATUS,                                        \
          (PIOsal pThis, UINT32 Length, PWCHAR pWideStr))                                          \
-    VACANT(23, KxMultiByteToWideChar, KxMultiByteToWideChar, KCSTATUS,                            \
+    SLOT(23, KxMultiByteToWideChar, KxMultiByteToWideChar, KCSTATUS,                            \
          (PIOsal pThis, UINT32 CodePage, const CHAR* pMultiByteStr, INT32 MultiByteStrLen, PWCHAR \
           pWideCharStr, PUINT32 pWideCharStrLen))                                                 \
-    VACANT(24, KxWideCharToMultiByte, KxWideCharToMultiByte, KCSTATUS,                            \
+    SLOT(24, KxWideCharToMultiByte, KxWideCharToMultiByte, KCSTATUS,                            \
          (PIOsal pThis, UINT32 CodePage, const WCHAR* pWideCharStr, INT32 WideCharStrLen, PCHAR   \
           pMultiByteStr, PUINT32 pMultiByteStrLen))                                               \
     SLOT(25, KxAllocNonPagedMemory, KxAllocNonPagedMemory, PVOID, (PIOsal pThis, UINT32 Size))    \

@@ -16,6 +16,7 @@
 #include "osal/internal/instance.h"
 #include "osal/internal/list.h"
 #include "osal/internal/status.h"
+#include "osal/linux/internal/locale.h"
 #include "osal/linux/internal/schedule.h"
 #include "osal/linux/internal/schedule_threads.h"
 
@@ -72,9 +73,11 @@ bool library_threads_live() {
     return load(g_OsalNumWorkItemThreads) != 0 || load(g_OsalNumTimerThreads) != 0;
 }
 
-void register_fork_handler() {
+// The platform's result.
+int register_fork_handler() {
     const int result = pthread_atfork(nullptr, nullptr, OsalForkChildHandler);
     if (result < 0) syslog(LOG_USER | LOG_ERR, "pthread_atfork() failed %x", result);
+    return result;
 }
 
 KCSTATUS create_own_instance() {
@@ -104,10 +107,19 @@ void OsalForkChildHandler() {
 }
 
 KCSTATUS OsalInitialize() {
-    register_fork_handler();
-    if (const KCSTATUS status = create_own_instance(); status != KC_OK) return status;
+    const int registered = register_fork_handler();
+    if (InitCharConvInfrastructure() != 0) {
+        // Contract: the value logged is that of the fork handler's registration.
+        syslog(LOG_USER | LOG_ERR, "CharConv init failed %x", registered);
+        return kModule.fail(KC_CODE_FAILED);
+    }
+    if (const KCSTATUS status = create_own_instance(); status != KC_OK) {
+        UnInitCharConvInfrastructure();
+        return status;
+    }
     if (InitWorkItemInfrastructure() != 0) {
         syslog(LOG_USER | LOG_ERR, "WorkItemMutex init failed %x", 0);
+        UnInitCharConvInfrastructure();
         return kModule.fail(KC_CODE_FAILED);
     }
     StartWorkItemInfrastructure();
@@ -132,6 +144,7 @@ KCSTATUS OsalUninitialize() {
         drain_pause();
     drain_pause();
     join_library_threads();
+    UnInitCharConvInfrastructure();
     return KC_OK;
 }
 
