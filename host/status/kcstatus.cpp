@@ -42,6 +42,7 @@ constexpr Name kFacilities[] = {
     {KC_FACILITY_OSAL, "osal"},
     {KC_FACILITY_RUNTIME, "component runtime"},
     {KC_FACILITY_REGISTRY, "registry"},
+    {KC_FACILITY_SECATTR, "security attributes"},
     {KC_FACILITY_OBJECT, "object manager"},
 };
 

@@ -42,4 +42,9 @@ OSAL_IDENTIFIERS(OSAL_DECLARE_IDENTIFIER)
 
 OSAL_END_DECLS
 
+/* Defines all of them at file scope, without a semicolon: for one source of a program or library
+ * that reaches osal.so through the component runtime only and so is not linked with it. */
+#define OSAL_DEFINE_IDENTIFIERS OSAL_IDENTIFIERS(OSAL_DEFINE_IDENTIFIER)
+#define OSAL_DEFINE_IDENTIFIER(name, d1, d2, d3, ...) const GUID name = {d1, d2, d3, {__VA_ARGS__}};
+
 #endif

@@ -29,6 +29,7 @@
 #define KC_FACILITY_OSAL 2033u     /* services and registry access: 0xC7F1.... */
 #define KC_FACILITY_RUNTIME 2036u  /* component runtime: 0xC7F4.... */
 #define KC_FACILITY_REGISTRY 2037u /* registry library: 0xC7F5.... */
+#define KC_FACILITY_SECATTR 2040u  /* security attributes and contexts: 0xC7F8.... */
 #define KC_FACILITY_OBJECT 2042u   /* object managers and their factory: 0xC7FA.... */
 
 /* Success. */

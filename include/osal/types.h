@@ -74,6 +74,13 @@ typedef struct GUID {
 } GUID;
 typedef GUID* PGUID;
 
+/* A security context, passed by value. Both halves all ones name every context, where that is
+ * allowed. */
+typedef struct SCHANDLE {
+    HANDLE hTypeId; /* type part */
+    HANDLE hId;     /* identity part */
+} SCHANDLE, *PSCHANDLE;
+
 /* A link of a circular, intrusive, doubly linked list; see osal/list.h. */
 typedef struct LIST_ENTRY {
     struct LIST_ENTRY* volatile Flink; /* next entry, or the head */

@@ -17,10 +17,7 @@ using namespace osal;
 
 OSAL_BEGIN_DECLS
 
-#define OSAL_DEFINE_IDENTIFIER(name, d1, d2, d3, ...) \
-    extern const GUID name = {d1, d2, d3, {__VA_ARGS__}};
-OSAL_IDENTIFIERS(OSAL_DEFINE_IDENTIFIER)
-#undef OSAL_DEFINE_IDENTIFIER
+OSAL_DEFINE_IDENTIFIERS
 
 const GUID* const TSCOM_Table[] = {&CLSID_OrvaneOsal, &CLSID_ObjectManagerDataStore, nullptr};
 
