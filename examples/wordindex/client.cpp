@@ -1,0 +1,89 @@
+#include "client.h"
+
+#include <stdio.h>
+
+#include <vector>
+
+#include "host/kcstatus.h"
+#include "host/lcm.h"
+
+namespace wordindex {
+namespace {
+
+// A client that is not linked with osal.so defines the identifiers that it uses itself.
+#define DEFINE_IDENTIFIER(name, d1, d2, d3, ...) \
+    [[maybe_unused]] constexpr GUID k_##name = {d1, d2, d3, {__VA_ARGS__}};
+OSAL_IDENTIFIERS(DEFINE_IDENTIFIER)
+#undef DEFINE_IDENTIFIER
+
+PIOsal create_instance() {
+    void* instance = nullptr;
+    const KCSTATUS status =
+        LcmCreateInstance(&k_CLSID_OrvaneOsal, nullptr, &k_IID_IOrvaneOsal_1, &instance);
+    if (KC_IS_ERROR(status)) throw failure("cannot make an instance of osal.so", status);
+    return static_cast<PIOsal>(instance);
+}
+
+struct InUse {
+    const char* what;
+    UINT32 GEN_OSAL_STATS_INFO::*count;
+};
+constexpr InUse kInUse[] = {
+    {"bytes of paged memory", &GEN_OSAL_STATS_INFO::MemoryPagedInUse},
+    {"bytes of non-paged memory", &GEN_OSAL_STATS_INFO::MemoryNonPagedInUse},
+    {"events", &GEN_OSAL_STATS_INFO::EventInUse},
+    {"read/write locks", &GEN_OSAL_STATS_INFO::LockInUse},
+    {"mutexes", &GEN_OSAL_STATS_INFO::MutexInUse},
+    {"spin locks", &GEN_OSAL_STATS_INFO::SpinLockInUse},
+    {"timers", &GEN_OSAL_STATS_INFO::TimerInUse},
+    {"work items", &GEN_OSAL_STATS_INFO::WorkItemInUse},
+    {"registry keys", &GEN_OSAL_STATS_INFO::KeyInUse},
+};
+
+}  // namespace
+
+Failure failure(const std::string& what, KCSTATUS status) {
+    char number[16];
+    snprintf(number, sizeof number, "0x%08X", status);
+    return Failure(what + ": " + KcStatusName(status) + " (" + number + ")");
+}
+
+// Refused components are in the system log. They matter here only if osal.so is one of them, which
+// making an instance tells.
+Runtime::Runtime() {
+    LcmStart(nullptr);
+}
+
+Runtime::~Runtime() {
+    LcmStop();
+}
+
+Client::Client(const char* module_name) : instance_(create_instance()), name_(module_name) {
+    call<&IOsalVtbl::KxRegisterModuleName>(module_name);
+}
+
+Client::~Client() {
+    call<&IOsalVtbl::Release>();
+}
+
+std::string Client::leftovers() const {
+    UINT32 size = 0;
+    call<&IOsalVtbl::KxGetGeneralOsalStatistics>(&size, PVOID{nullptr});
+    // In units of the record, so that the memory is aligned for it.
+    std::vector<GEN_OSAL_STATS_INFO_BUF> buffer(size / sizeof(GEN_OSAL_STATS_INFO_BUF) + 1);
+    size = static_cast<UINT32>(buffer.size() * sizeof buffer[0]);
+    const KCSTATUS status =
+        call<&IOsalVtbl::KxGetGeneralOsalStatistics>(&size, PVOID{buffer.data()});
+    if (KC_IS_ERROR(status)) throw failure("cannot read the usage counters", status);
+
+    std::string found;
+    const GEN_OSAL_STATS_INFO* records = buffer[0].GenOsalStatsInfo;
+    for (UINT32 i = 0; i < buffer[0].InterfaceCount; ++i)
+        for (const InUse& counter : kInUse)
+            if (records[i].ModuleName == name_ && records[i].*counter.count != 0)
+                found += (found.empty() ? "" : ", ") + std::to_string(records[i].*counter.count) +
+                         " " + counter.what;
+    return found;
+}
+
+}  // namespace wordindex

@@ -1,0 +1,44 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace wordindex {
+namespace {
+
+constexpr const char* kPurpose =
+    "Counts the words of all files below a folder and prints the most frequent ones.\n"
+    "A word is a run of ASCII letters; case does not count. Symbolic links below the folder are\n"
+    "not followed, and a file with several names counts once.\n";
+
+constexpr const char* kExitCodes =
+    "\nExit status: 0 all counted; 1 some files or folders could not be read, the rest was "
+    "counted;\n"
+    "2 bad command line or no such folder; 3 the library or the output failed.";
+
+constexpr UINT32 kMostBuckets = 1u << 24;
+
+}  // namespace
+
+bool read_options(int argc, char** argv, Options& options, int* exit_code) {
+    CLI::App app(kPurpose, "wordindex");
+    app.footer(kExitCodes);
+    app.add_option("-f,--folder,folder", options.folder, "Folder to index")
+        ->check(CLI::ExistingDirectory)
+        ->capture_default_str();
+    app.add_option("-n,--top", options.top, "Words to print; 0 prints all")->capture_default_str();
+    app.add_option("-b,--buckets", options.buckets, "Hash buckets of the word table")
+        ->check(CLI::Range(1u, kMostBuckets))
+        ->capture_default_str();
+    app.add_flag("-m,--machine-readable", options.machine_readable,
+                 "Print \"name<TAB>number\" lines for the totals, an empty line, and\n"
+                 "\"count<TAB>word\" lines");
+    try {
+        app.parse(argc, argv);
+        return true;
+    } catch (const CLI::ParseError& error) {
+        *exit_code = app.exit(error) == 0 ? kDone : kUsage;
+        return false;
+    }
+}
+
+}  // namespace wordindex

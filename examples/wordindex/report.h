@@ -1,0 +1,14 @@
+// Printing the result.
+#pragma once
+
+#include "count.h"
+#include "options.h"
+
+namespace wordindex {
+
+// Prints totals and the most frequent words, equally frequent ones by name, to standard output.
+// False if that failed.
+bool print_report(const Options& options, const Totals& totals, const WordTable& table,
+                  UINT64 elapsed_100ns);
+
+}  // namespace wordindex

@@ -1,0 +1,20 @@
+// Finding the files of a folder.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace wordindex {
+
+// A file or folder that could not be read, and why (an errno value).
+struct Unreadable {
+    std::string path;
+    int error;
+};
+
+// All regular files below a folder, by name within each folder. Symbolic links are not followed,
+// but for `folder` itself; a file with several names is found once. Folders that cannot be read are
+// added to `unreadable`.
+std::vector<std::string> find_files(const std::string& folder, std::vector<Unreadable>& unreadable);
+
+}  // namespace wordindex

@@ -1,0 +1,76 @@
+#include "word_table.h"
+
+namespace wordindex {
+
+WordTable::WordTable(const Client& client, UINT32 buckets)
+    : client_(client), buckets_(buckets, PoolAllocator<LIST_ENTRY>(client)) {
+    for (LIST_ENTRY& bucket : buckets_)
+        client_.call<&IOsalVtbl::KxInitializeListHead>(&bucket);
+}
+
+WordTable::~WordTable() {
+    for (LIST_ENTRY& bucket : buckets_)
+        while (PLIST_ENTRY entry = client_.call<&IOsalVtbl::KxRemoveHeadList>(&bucket))
+            client_.call<&IOsalVtbl::KxFreeMemory>(Word::of(entry));
+}
+
+void WordTable::add(std::string_view word) {
+    const PLIST_ENTRY bucket = bucket_of(word.data());
+    if (Word* known = find(bucket, word)) {
+        ++known->count;
+        return;
+    }
+    client_.call<&IOsalVtbl::KxInsertHeadList>(bucket, &make(word)->link);
+    ++distinct_;
+}
+
+void WordTable::absorb(WordTable& other) {
+    for (LIST_ENTRY& bucket : other.buckets_)
+        while (PLIST_ENTRY entry = client_.call<&IOsalVtbl::KxRemoveHeadList>(&bucket))
+            take(Word::of(entry));
+    other.distinct_ = 0;
+}
+
+std::vector<const Word*> WordTable::words() const {
+    std::vector<const Word*> all;
+    all.reserve(distinct_);
+    for (const LIST_ENTRY& bucket : buckets_)
+        for (PLIST_ENTRY entry = bucket.Flink; entry != &bucket; entry = entry->Flink)
+            all.push_back(Word::of(entry));
+    return all;
+}
+
+PLIST_ENTRY WordTable::bucket_of(const char* text) {
+    return &buckets_[client_.call<&IOsalVtbl::KxStrHash>(text, UINT32(buckets_.size()))];
+}
+
+Word* WordTable::find(PLIST_ENTRY bucket, std::string_view word) {
+    for (PLIST_ENTRY entry = bucket->Flink; entry != bucket; entry = entry->Flink)
+        if (Word::of(entry)->view() == word) return Word::of(entry);
+    return nullptr;
+}
+
+Word* WordTable::make(std::string_view text) {
+    const std::size_t size = sizeof(Word) + text.size() + 1;
+    void* block = nullptr;
+    if (size <= UINT32_MAX) block = client_.call<&IOsalVtbl::KxAllocPagedMemory>(UINT32(size));
+    if (block == nullptr) throw std::bad_alloc();
+    Word* word = new (block) Word{{}, 1, UINT32(text.size())};
+    client_.call<&IOsalVtbl::KxCopyMemory>(
+        PVOID{word->text()}, static_cast<const void*>(text.data()), UINT32(text.size() + 1));
+    return word;
+}
+
+// Adds a word of another table to this one's count, or links it in.
+void WordTable::take(Word* word) {
+    const PLIST_ENTRY bucket = bucket_of(word->text());
+    if (Word* known = find(bucket, word->view())) {
+        known->count += word->count;
+        client_.call<&IOsalVtbl::KxFreeMemory>(word);
+    } else {
+        client_.call<&IOsalVtbl::KxInsertHeadList>(bucket, &word->link);
+        ++distinct_;
+    }
+}
+
+}  // namespace wordindex
