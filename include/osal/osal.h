@@ -13,6 +13,7 @@
 #include "osal/primitives.h"
 #include "osal/statistics.h"
 #include "osal/status.h"
+#include "osal/thread.h"
 #include "osal/time.h"
 #include "osal/types.h"
 #include "osal/workitem.h"

@@ -157,17 +157,17 @@
          (PIOsal pThis, UINT32 Count, HANDLE* Handles, BOOLEAN bWaitAll, INT64 Timeout))          \
     VACANT(79, KxWaitForSingleEvent, KxWaitForSingleEvent, KCSTATUS,                              \
          (PIOsal pThis, HANDLE Handle, INT64 Timeout))                                            \
-    VACANT(80, KxCreateThread, KxCreateThread, KCSTATUS,                                          \
+    SLOT(80, KxCreateThread, KxCreateThread, KCSTATUS,                                          \
          (PIOsal pThis, KX_PRIORITY Priority, PKX_THREAD_ROUTINE pThreadRoutine, PVOID pContext,  \
           HANDLE* pHandle))                                                                       \
-    VACANT(81, KxDestroyThread, KxDestroyThread, KCSTATUS, (PIOsal pThis, HANDLE Handle))         \
-    VACANT(82, KxExitThread, KxExitThread, void,                                                  \
+    SLOT(81, KxDestroyThread, KxDestroyThread, KCSTATUS, (PIOsal pThis, HANDLE Handle))         \
+    SLOT(82, KxExitThread, KxExitThread, void,                                                  \
          (PIOsal pThis, HANDLE Handle, KCSTATUS ExitStatus, BOOLEAN bDestroyThread))              \
-    VACANT(83, KxGetThreadExitStatus, KxGetThreadExitStatus, KCSTATUS,                            \
+    SLOT(83, KxGetThreadExitStatus, KxGetThreadExitStatus, KCSTATUS,                            \
          (PIOsal pThis, HANDLE Handle))                                                           \
-    VACANT(84, KxSetThreadPriority, KxSetThreadPriority, KCSTATUS,                                \
+    SLOT(84, KxSetThreadPriority, KxSetThreadPriority, KCSTATUS,                                \
          (PIOsal pThis, HANDLE Handle, KX_PRIORITY priority))                                     \
-    VACANT(85, KxWaitForThreadExit, KxWaitForThreadExit, KCSTATUS,                                \
+    SLOT(85, KxWaitForThreadExit, KxWaitForThreadExit, KCSTATUS,                                \
          (PIOsal pThis, HANDLE Handle, INT64 TimeOut))                                            \
     SLOT(86, KxGetSystemTime, KxGetSystemTime, void, (PIOsal pThis, PUINT64 pCurrentTime))        \
     SLOT(87, KxRegisterModuleName, KxRegisterModuleName, KCSTATUS,                                \

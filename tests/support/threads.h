@@ -33,6 +33,17 @@ inline bool eventually(const std::function<bool()>& condition) {
     return true;
 }
 
+// ThreadSanitizer reports the misuse of a mutex as such, whatever becomes of it.
+#if defined(__SANITIZE_THREAD__)
+#define SKIP_UNDER_THREAD_SANITIZER() GTEST_SKIP() << "misuses a platform mutex on purpose"
+#else
+#define SKIP_UNDER_THREAD_SANITIZER() ((void)0)
+#endif
+
+// Cancellation unwinds frames that AddressSanitizer has not seen returning; this makes their stack
+// usable again. Does nothing otherwise.
+void forget_stack_of_this_thread();
+
 // A raw thread that can be cancelled, which std::thread cannot; joined at the end.
 class RawThread {
   public:
@@ -53,7 +64,11 @@ class RawThread {
     bool done() const { return done_; }
 
   private:
+    struct Unwound {
+        ~Unwound() { forget_stack_of_this_thread(); }
+    };
     static void* run(void* self) {
+        Unwound unwound;
         static_cast<RawThread*>(self)->body_();
         static_cast<RawThread*>(self)->done_ = true;
         return nullptr;

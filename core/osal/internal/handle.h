@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 
+#include "osal/memory.h"
 #include "osal/types.h"
 
 namespace osal {
@@ -38,6 +39,13 @@ template <class Record>
 void retire_to_heap(Record* record) {
     wipe(record, sizeof *record);
     std::free(record);
+}
+
+// The same for a record that is a pool block of the instance.
+template <class Record>
+void retire_to_pool(PIOsal pThis, Record* record) {
+    wipe(record, sizeof *record);
+    KxFreeMemory(pThis, record);
 }
 
 }  // namespace osal
