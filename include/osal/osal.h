@@ -15,6 +15,7 @@
 #include "osal/status.h"
 #include "osal/thread.h"
 #include "osal/time.h"
+#include "osal/timer.h"
 #include "osal/types.h"
 #include "osal/workitem.h"
 

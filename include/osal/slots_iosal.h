@@ -63,15 +63,15 @@
     SLOT(25, KxAllocNonPagedMemory, KxAllocNonPagedMemory, PVOID, (PIOsal pThis, UINT32 Size))    \
     SLOT(26, KxAllocPagedMemory, KxAllocPagedMemory, PVOID, (PIOsal pThis, UINT32 Size))          \
     SLOT(27, KxFreeMemory, KxFreeMemory, KCSTATUS, (PIOsal pThis, PVOID pMemory))                 \
-    VACANT(28, KxAllocTimer, KxAllocTimer, KCSTATUS,                                              \
+    SLOT(28, KxAllocTimer, KxAllocTimer, KCSTATUS,                                              \
          (PIOsal pThis, PKX_TIMER_ROUTINE pTimerRoutine, PVOID pContext, BOOLEAN bDispatchLevel,  \
           PHANDLE pHandle))                                                                       \
     SLOT(29, KxAllocWorkItem, KxAllocWorkItem, KCSTATUS,                                        \
          (PIOsal pThis, PKX_WORK_ITEM_ROUTINE pWorkItemRoutine, PVOID pContext, HANDLE* pHandle)) \
-    VACANT(30, KxCancelTimer, KxCancelTimer, BOOLEAN, (PIOsal pThis, HANDLE hTimer))              \
-    VACANT(31, KxDestroyTimer, KxDestroyTimer, KCSTATUS, (PIOsal pThis, HANDLE hTimer))           \
+    SLOT(30, KxCancelTimer, KxCancelTimer, BOOLEAN, (PIOsal pThis, HANDLE hTimer))              \
+    SLOT(31, KxDestroyTimer, KxDestroyTimer, KCSTATUS, (PIOsal pThis, HANDLE hTimer))           \
     SLOT(32, KxDestroyWorkItem, KxDestroyWorkItem, KCSTATUS, (PIOsal pThis, HANDLE hWork))      \
-    VACANT(33, KxScheduleTimer, KxScheduleTimer, KCSTATUS,                                        \
+    SLOT(33, KxScheduleTimer, KxScheduleTimer, KCSTATUS,                                        \
          (PIOsal pThis, HANDLE hTimer, UINT64 Timeout))                                           \
     SLOT(34, KxScheduleWorkItem, KxScheduleWorkItem, KCSTATUS,                                  \
          (PIOsal pThis, HANDLE hWorkItem, KX_PRIORITY Priority))                                  \

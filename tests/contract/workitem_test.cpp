@@ -330,8 +330,8 @@ TEST_P(WorkItem, AScheduleCallWakesTheFirstInactiveSlotOnly) {
     EXPECT_EQ(inactive(), (std::vector<int>{3, 4, 5, 6, 7}));
     EXPECT_EQ(schedule(second), KC_OK);
     EXPECT_EQ(inactive(), (std::vector<int>{4, 5, 6, 7}));
-    EXPECT_EQ(g_OsalWorkItemQueue.listHead.Flink, &record_of_item(first)->schedQueue);
-    EXPECT_EQ(g_OsalWorkItemQueue.listHead.Blink, &record_of_item(second)->schedQueue);
+    EXPECT_EQ(work_item_queue()->Flink, &record_of_item(first)->schedQueue);
+    EXPECT_EQ(work_item_queue()->Blink, &record_of_item(second)->schedQueue);
     g_OsalNumWorkItemThreads = 0;
 }
 
@@ -355,7 +355,7 @@ TEST_P(WorkItem, AfterShutdownQueuedItemsNeverRun) {
     OsalUninitialize();
     EXPECT_EQ(runs, 0);
     EXPECT_EQ(record_of_item(item)->pending, TRUE);
-    EXPECT_EQ(g_OsalWorkItemQueue.listHead.Flink, &record_of_item(item)->schedQueue);
+    EXPECT_EQ(work_item_queue()->Flink, &record_of_item(item)->schedQueue);
     EXPECT_EQ(g_OsalCurrentWorkItems, 1);
 }
 

@@ -2,26 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <condition_variable>
-#include <thread>
 
 #include "osal/internal/annotations.h"
 #include "osal/internal/atomics.h"
 #include "osal/internal/list.h"
 #include "osal/linux/internal/init.h"
-#include "osal/linux/internal/schedule.h"
 
 namespace osal_test {
-
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(50);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
 
 NO_THREAD_SAFETY_ANALYSIS bool workers_idle() {
     pthread_mutex_lock(&g_OsalWorkItemQueue.mutex.native);
@@ -30,6 +18,23 @@ NO_THREAD_SAFETY_ANALYSIS bool workers_idle() {
         idle = idle && g_OsalWorkItemThreads[i].inactive;
     pthread_mutex_unlock(&g_OsalWorkItemQueue.mutex.native);
     return idle;
+}
+
+NO_THREAD_SAFETY_ANALYSIS PKX_TIMER_HANDLE first_timer() {
+    return g_OsalTimerQueHeadPtr;
+}
+
+NO_THREAD_SAFETY_ANALYSIS PKX_TIMER_HANDLE first_fed_timer() {
+    return g_OsalTimerFeededQueHeadPtr;
+}
+
+NO_THREAD_SAFETY_ANALYSIS PLIST_ENTRY work_item_queue() {
+    return &g_OsalWorkItemQueue.listHead;
+}
+
+StoppedTimerThread::StoppedTimerThread() {
+    UnInitTimerInfrastructure();
+    EXPECT_TRUE(eventually([] { return osal::load(g_OsalNumTimerThreads) == 0; }));
 }
 
 StoppedWorkers::StoppedWorkers() {

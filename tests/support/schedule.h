@@ -1,25 +1,34 @@
 // Helpers of tests of timers and work items.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "osal/linux/internal/schedule.h"
 #include "osal/osal.h"
+#include "support/threads.h"
 
 namespace osal_test {
 
-// Whether a condition that other threads bring about comes true within a generous time.
-bool eventually(const std::function<bool()>& condition);
-
 // Whether every worker sleeps with nothing queued.
 bool workers_idle();
+
+// The heads of the timer queues and of the queue of work items, for threads that are stopped.
+PKX_TIMER_HANDLE first_timer();
+PKX_TIMER_HANDLE first_fed_timer();
+PLIST_ENTRY work_item_queue();
 
 // Stops the workers; queued items stay queued until the object goes, and none runs.
 class StoppedWorkers {
   public:
     StoppedWorkers();
+};
+
+// Stops the timer thread, so that a test passes the ticks itself: OsalServiceTimerQueues.
+class StoppedTimerThread {
+  public:
+    StoppedTimerThread();
 };
 
 // Stops every thread of the library.

@@ -117,11 +117,18 @@ KCSTATUS OsalInitialize() {
         UnInitCharConvInfrastructure();
         return status;
     }
-    if (InitWorkItemInfrastructure() != 0) {
-        syslog(LOG_USER | LOG_ERR, "WorkItemMutex init failed %x", 0);
+    if (InitTimerInfrastructure() != 0) {
+        syslog(LOG_USER | LOG_ERR, "TimerMutex init failed %x", 0);
         UnInitCharConvInfrastructure();
         return kModule.fail(KC_CODE_FAILED);
     }
+    if (InitWorkItemInfrastructure() != 0) {
+        syslog(LOG_USER | LOG_ERR, "WorkItemMutex init failed %x", 0);
+        UnInitTimerInfrastructure();
+        UnInitCharConvInfrastructure();
+        return kModule.fail(KC_CODE_FAILED);
+    }
+    StartTimerInfrastructure();
     StartWorkItemInfrastructure();
     return KC_OK;
 }
@@ -139,6 +146,7 @@ KCSTATUS DllStart() {
 
 KCSTATUS OsalUninitialize() {
     g_Unload = TRUE;
+    UnInitTimerInfrastructure();
     UnInitWorkItemInfrastructure();
     while (library_threads_live())
         drain_pause();
