@@ -4,6 +4,7 @@
 
 #include "osal/component.h"
 #include "osal/conversion.h"
+#include "osal/counted_string.h"
 #include "osal/debug.h"
 #include "osal/identifiers.h"
 #include "osal/iosal.h"

@@ -91,32 +91,32 @@
     SLOT(42, KxStrlen, KxStrlen, UINT32, (PIOsal pThis, const CHAR* pString))                     \
     SLOT(43, KxStrlenW, KxStrlenW, UINT32, (PIOsal pThis, const WCHAR* pStringW))                 \
     SLOT(44, KxZeroMemory, KxZeroMemory, void, (PIOsal pThis, PVOID pDest, UINT32 Length))        \
-    VACANT(45, KxAppendUnicodeStringToString, KxAppendUnicodeStringToString, KCSTATUS,            \
+    SLOT(45, KxAppendUnicodeStringToString, KxAppendUnicodeStringToString, KCSTATUS,            \
          (PIOsal pThis, UNICODE_STRING* pDest, const UNICODE_STRING* pSrc))                       \
-    VACANT(46, KxAppendUnicodeToString, KxAppendUnicodeToString, KCSTATUS,                        \
+    SLOT(46, KxAppendUnicodeToString, KxAppendUnicodeToString, KCSTATUS,                        \
          (PIOsal pThis, UNICODE_STRING* pDest, const WCHAR* pSrc))                                \
-    VACANT(47, KxCompareString, KxCompareString, INT32,                                           \
+    SLOT(47, KxCompareString, KxCompareString, INT32,                                           \
          (PIOsal pThis, const STRING* pString1, const STRING* pString2, BOOLEAN                   \
           bCaseInsensitive))                                                                      \
-    VACANT(48, KxCompareUnicodeString, KxCompareUnicodeString, INT32,                             \
+    SLOT(48, KxCompareUnicodeString, KxCompareUnicodeString, INT32,                             \
          (PIOsal pThis, const UNICODE_STRING* pString1, const UNICODE_STRING* pString2, BOOLEAN   \
           bCaseInsensitive))                                                                      \
-    VACANT(49, KxCopyString, KxCopyString, void,                                                  \
+    SLOT(49, KxCopyString, KxCopyString, void,                                                  \
          (PIOsal pThis, STRING* pDest, const STRING* pSrc))                                       \
-    VACANT(50, KxCopyUnicodeString, KxCopyUnicodeString, void,                                    \
+    SLOT(50, KxCopyUnicodeString, KxCopyUnicodeString, void,                                    \
          (PIOsal pThis, UNICODE_STRING* pDest, const UNICODE_STRING* pSrc))                       \
-    VACANT(51, KxEqualString, KxEqualString, BOOLEAN,                                             \
+    SLOT(51, KxEqualString, KxEqualString, BOOLEAN,                                             \
          (PIOsal pThis, const STRING* pString1, const STRING* pString2, BOOLEAN                   \
           bCaseInsensitive))                                                                      \
-    VACANT(52, KxEqualUnicodeString, KxEqualUnicodeString, BOOLEAN,                               \
+    SLOT(52, KxEqualUnicodeString, KxEqualUnicodeString, BOOLEAN,                               \
          (PIOsal pThis, const UNICODE_STRING* pString1, const UNICODE_STRING* pString2, BOOLEAN   \
           bCaseInsensitive))                                                                      \
-    VACANT(53, KxInitString, KxInitString, void, (PIOsal pThis, STRING* pDest, const CHAR* pSrc)) \
-    VACANT(54, KxInitUnicodeString, KxInitUnicodeString, void,                                    \
+    SLOT(53, KxInitString, KxInitString, void, (PIOsal pThis, STRING* pDest, const CHAR* pSrc)) \
+    SLOT(54, KxInitUnicodeString, KxInitUnicodeString, void,                                    \
          (PIOsal pThis, UNICODE_STRING* pDest, const WCHAR* pSrc))                                \
-    VACANT(55, KxIntegerToUnicodeString, KxIntegerToUnicodeString, KCSTATUS,                      \
+    SLOT(55, KxIntegerToUnicodeString, KxIntegerToUnicodeString, KCSTATUS,                      \
          (PIOsal pThis, UINT32 Value, UINT32 Base, UNICODE_STRING* pString))                      \
-    VACANT(56, KxUnicodeStringToInteger, KxUnicodeStringToInteger, KCSTATUS,                      \
+    SLOT(56, KxUnicodeStringToInteger, KxUnicodeStringToInteger, KCSTATUS,                      \
          (PIOsal pThis, const UNICODE_STRING* pString, UINT32 Base, PUINT32 pValue))              \
     SLOT(57, KxAcquireLockForReadAccess, KxAcquireLockForReadAccess, KCSTATUS,                  \
          (PIOsal pThis, HANDLE Handle, BOOLEAN bWait))                                            \
