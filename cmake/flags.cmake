@@ -33,6 +33,7 @@ function(osal_shared_library target)
     COMMAND ${CMAKE_C_COMPILER} -E -P -x c -MD -MF ${map}.d -MT ${map} -I${CMAKE_SOURCE_DIR}/include
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/identifiers.h
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/slots_iosal.h
+            -imacros ${CMAKE_SOURCE_DIR}/include/osal/slots_iom.h
             ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} -o ${map}
     DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} DEPFILE ${map}.d
     COMMENT "Linker map of ${target}" VERBATIM)

@@ -7,6 +7,7 @@
 #include "osal/counted_string.h"
 #include "osal/debug.h"
 #include "osal/identifiers.h"
+#include "osal/iom.h"
 #include "osal/iosal.h"
 #include "osal/list.h"
 #include "osal/lock.h"

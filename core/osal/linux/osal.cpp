@@ -9,6 +9,7 @@
 #include "osal/internal/atomics.h"
 #include "osal/internal/instance.h"
 #include "osal/internal/list.h"
+#include "osal/internal/object.h"
 #include "osal/internal/status.h"
 #include "osal/linux/internal/init.h"
 #include "osal/osal.h"
@@ -175,6 +176,8 @@ KCSTATUS KxRegisterModuleName(PIOsal pThis, const CHAR* pModuleName) {
 HRESULT DllGetClassObject(const GUID* pClassID, const GUID* pIID, PVOID* ppInterface) {
     if (const KCSTATUS status = ensure_initialized(); is_error(status))
         return OsalMapStatusToHresult(status);
+    if (*pClassID == CLSID_ObjectManagerDataStore)
+        return OsalMapStatusToHresult(OMFactoryQueryInterface(nullptr, pIID, ppInterface));
     if (*pClassID != CLSID_OrvaneOsal)
         return OsalMapStatusToHresult(unlogged_error(KC_CODE_UNSUPPORTED));
     return OsalMapStatusToHresult(OsalFactoryQueryInterface(nullptr, pIID, ppInterface));
