@@ -7,19 +7,15 @@
 #include "host/kcstatus.h"
 #include "host/lcm.h"
 
+OSAL_DEFINE_IDENTIFIERS
+
 namespace wordindex {
 namespace {
-
-// A client that is not linked with osal.so defines the identifiers that it uses itself.
-#define DEFINE_IDENTIFIER(name, d1, d2, d3, ...) \
-    [[maybe_unused]] constexpr GUID k_##name = {d1, d2, d3, {__VA_ARGS__}};
-OSAL_IDENTIFIERS(DEFINE_IDENTIFIER)
-#undef DEFINE_IDENTIFIER
 
 PIOsal create_instance() {
     void* instance = nullptr;
     const KCSTATUS status =
-        LcmCreateInstance(&k_CLSID_OrvaneOsal, nullptr, &k_IID_IOrvaneOsal_1, &instance);
+        LcmCreateInstance(&CLSID_OrvaneOsal, nullptr, &IID_IOrvaneOsal_1, &instance);
     if (KC_IS_ERROR(status)) throw failure("cannot make an instance of osal.so", status);
     return static_cast<PIOsal>(instance);
 }

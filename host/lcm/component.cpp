@@ -3,8 +3,6 @@
 #include <dlfcn.h>
 #include <link.h>
 
-#include <memory>
-
 #include "refusal.h"
 
 namespace lcm {
@@ -43,13 +41,18 @@ const char* find_entry_points(Component& component) {
 
 }  // namespace
 
+Component::~Component() {
+    if (module != nullptr) dlclose(module);
+}
+
 bool Component::serves(const GUID& clsid) const {
     for (const GUID* const* served = classes; *served != nullptr; ++served)
         if (**served == clsid) return true;
     return false;
 }
 
-Component* load(const std::string& file, const struct stat& status, KCSTATUS* refusal) {
+std::unique_ptr<Component> load(const std::string& file, const struct stat& status,
+                                KCSTATUS* refusal) {
     auto component = std::make_unique<Component>();
     component->file = file;
     component->device = status.st_dev;
@@ -60,17 +63,11 @@ Component* load(const std::string& file, const struct stat& status, KCSTATUS* re
         return nullptr;
     }
     if (const char* missing = find_entry_points(*component)) {
-        *refusal = kStart.refuse(KC_CODE_UNSUPPORTED, file.c_str(),
-                                 (std::string("has no ") + missing).c_str());
-        unload(component.release());
+        const std::string why = std::string("has no ") + missing;
+        *refusal = kStart.refuse(KC_CODE_UNSUPPORTED, file.c_str(), why.c_str());
         return nullptr;
     }
-    return component.release();
-}
-
-void unload(Component* component) {
-    dlclose(component->module);
-    delete component;
+    return component;
 }
 
 }  // namespace lcm

@@ -13,23 +13,21 @@
 #include <string.h>
 
 #include <atomic>
+#include <memory>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "component.h"
 #include "host/lcm.h"
 #include "refusal.h"
 #include "search.h"
 
+// This library does not link the one that exports them.
+OSAL_DEFINE_IDENTIFIERS
+
 namespace lcm {
 namespace {
-
-// The runtime's own copies: it does not link the library that exports them.
-namespace id {
-#define LCM_DEFINE_IDENTIFIER(name, d1, d2, d3, ...) \
-    [[maybe_unused]] constexpr GUID name = {d1, d2, d3, {__VA_ARGS__}};
-OSAL_IDENTIFIERS(LCM_DEFINE_IDENTIFIER)
-#undef LCM_DEFINE_IDENTIFIER
-}  // namespace id
 
 constinit pthread_mutex_t start_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit pthread_rwlock_t table_lock = PTHREAD_RWLOCK_INITIALIZER;
@@ -103,13 +101,12 @@ void append(Component* component) {
     *end = component;
 }
 
-KCSTATUS start(Component* component) {
+KCSTATUS start(std::unique_ptr<Component> component) {
     if (const KCSTATUS status = component->start(); is_error(status)) {
         log_refusal(component->file.c_str(), "its DllStart failed");
-        unload(component);
         return status;
     }
-    append(component);
+    append(component.release());
     return KC_OK;
 }
 
@@ -130,8 +127,8 @@ KCSTATUS load_and_start(const std::string& name) {
     if (const char* why = distrust_file(file, status))
         return kStart.refuse(KC_CODE_FAILED, file.c_str(), why);
     KCSTATUS refusal = KC_OK;
-    Component* component = load(file, status, &refusal);
-    return component != nullptr ? start(component) : refusal;
+    std::unique_ptr<Component> component = load(file, status, &refusal);
+    return component != nullptr ? start(std::move(component)) : refusal;
 }
 
 // The real path of a folder that may be searched; empty if it may not, with *refusal set unless it
@@ -144,7 +141,7 @@ std::string check_folder(const Folder& folder, KCSTATUS* refusal) {
     }
     std::string real = real_path(folder.path);
     if (real.empty()) {
-        if (!folder.may_be_missing)
+        if (errno != ENOENT || !folder.may_be_missing)
             *refusal = kStart.refuse(KC_CODE_INVALID_HANDLE, path, strerrordesc_np(errno));
     } else if (const char* why = distrust(real)) {
         *refusal = kStart.refuse(KC_CODE_FAILED, path, why);
@@ -193,7 +190,7 @@ void stop_all(Component* components) {
         component->stop();
     while (Component* component = components) {
         components = component->next;
-        unload(component);
+        delete component;
     }
 }
 
@@ -225,7 +222,7 @@ struct Factory {
 KCSTATUS create(const Component& component, const GUID& clsid, void* outer, const GUID* iid,
                 void** out) {
     void* pointer = nullptr;
-    const HRESULT result = component.class_object(&clsid, &id::IID_IClassFactory, &pointer);
+    const HRESULT result = component.class_object(&clsid, &IID_IClassFactory, &pointer);
     const Factory factory{result == KC_S_OK ? static_cast<LCM_IClassFactory*>(pointer) : nullptr};
     if (result == KC_E_NOINTERFACE)
         return refuse_class(clsid, KC_CODE_UNSUPPORTED, "its component does not give the factory");

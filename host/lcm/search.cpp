@@ -28,10 +28,10 @@ struct CloseFolder {
     void operator()(DIR* folder) const { closedir(folder); }
 };
 
+// A relative path, which is refused, if this library's file is gone.
 std::string own_folder() {
     Dl_info here;
-    if (dladdr(&kHere, &here) == 0) return {};
-    const std::string file = real_path(here.dli_fname);
+    const std::string file = dladdr(&kHere, &here) != 0 ? real_path(here.dli_fname) : "";
     return file.substr(0, file.rfind('/') + 1) + kOwnFolder;
 }
 
@@ -52,7 +52,7 @@ bool is_component_name(std::string_view name) {
 }  // namespace
 
 std::vector<Folder> search_path(const char* callers) {
-    std::vector<Folder> folders = {{own_folder(), true, false}};
+    std::vector<Folder> folders = {{own_folder(), true, true}};
     if (callers != nullptr) folders.push_back({callers, false, false});
     add_variable(folders);
     return folders;

@@ -4,7 +4,9 @@
 #include "host/lcm.h"
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -23,16 +26,14 @@
 #include "osal/iosal.h"
 #include "support/recorders.h"
 
+OSAL_DEFINE_IDENTIFIERS
+
 namespace osal_test {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace test_component;
 using Strings = std::vector<std::string>;
-
-#define DEFINE_IDENTIFIER(name, d1, d2, d3, ...) \
-    [[maybe_unused]] constexpr GUID k##name = {d1, d2, d3, {__VA_ARGS__}};
-OSAL_IDENTIFIERS(DEFINE_IDENTIFIER)
 
 constexpr KCSTATUS runtime_error(UINT32 code) {
     return KC_MAKE_STATUS(KC_SEVERITY_ERROR, KC_FACILITY_RUNTIME, code);
@@ -212,6 +213,34 @@ TEST_F(Runtime, TheVariableIsReadInAWayThatIgnoresItInASetUserIdProcess) {
     EXPECT_EQ(take_events(), Strings{});
 }
 
+// What a command prints.
+std::string output_of(const std::string& command) {
+    FILE* pipe = popen(command.c_str(), "r");
+    char line[256] = "";
+    if (fgets(line, sizeof line, pipe) == nullptr) line[0] = 0;
+    pclose(pipe);
+    return line;
+}
+
+TEST_F(Runtime, ASetUserIdProcessIgnoresTheVariable) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can make a file set-user-id for somebody";
+    constexpr uid_t kSomebody = 12345;
+    fs::permissions(root_, fs::perms(0755));
+    for (const char* library : {"liblcm.so", "libkcstatus.so"})
+        fs::copy_file(fs::path(OSAL_LIBRARY_DIR) / library, root_ / library);
+    const fs::path probe = root_ / "probe";
+    fs::copy_file(OSAL_BUILD_DIR "/tests/components/secure_probe", probe);
+    // A relative folder: refused with code 4 unless the variable is ignored.
+    setenv("LCM_COMPONENT_PATH", "relative", 1);
+    const std::string command = probe.string() + " " + root_.string() + " 2>&1";
+    EXPECT_EQ(output_of(command), "0 C7F40004\n");
+    ASSERT_EQ(chown(probe.c_str(), kSomebody, 0), 0);
+    ASSERT_EQ(chmod(probe.c_str(), 04755), 0);
+    const std::string secure = output_of(command);
+    if (secure[0] == '0') GTEST_SKIP() << "set-user-id files have no effect in " << root_;
+    EXPECT_EQ(secure, "1 00000000\n");
+}
+
 TEST_F(Runtime, OfTwoComponentsWithOneClassTheOneFoundFirstServes) {
     setenv("LCM_COMPONENT_PATH", folder("a", {"alpha"}).c_str(), 1);
     EXPECT_EQ(start(folder("b", {"beta"})), KC_OK);
@@ -223,7 +252,7 @@ TEST_F(Runtime, TheOwnFolderComesBeforeTheCallers) {
     EXPECT_EQ(start(folder("a", {"rival"})), KC_OK);
     EXPECT_EQ(take_events(), Strings{"rival DllStart"});
     void* osal = nullptr;
-    ASSERT_EQ(LcmCreateInstance(&kCLSID_OrvaneOsal, nullptr, &kIID_IOrvaneOsal_1, &osal), KC_OK);
+    ASSERT_EQ(LcmCreateInstance(&CLSID_OrvaneOsal, nullptr, &IID_IOrvaneOsal_1, &osal), KC_OK);
     EXPECT_EQ(take_events(), Strings{});
     static_cast<PIOsal>(osal)->lpVtbl->Release(static_cast<PIOsal>(osal));
 }
@@ -331,6 +360,47 @@ TEST_F(Runtime, AFileInPlaceOfAFolderIsRefused) {
     std::ofstream(root_ / "file") << "text";
     EXPECT_EQ(start(root_ / "file"), runtime_error(1));
     expect_refusal(1, "LcmStart", (root_ / "file").string(), "Not a directory");
+}
+
+TEST_F(Runtime, AFolderThatCannotBeReadIsRefused) {
+    const fs::path a = folder("a", {"alpha"});
+    Interpose open(
+        "liblcm.so", "opendir", +[](const char*) -> void* {
+            errno = EACCES;
+            return nullptr;
+        });
+    EXPECT_EQ(start(a), runtime_error(1));
+    statuses_.take();
+    const auto lines = log_.take();
+    ASSERT_EQ(lines.size(), 2u);  // the own folder cannot be read either
+    EXPECT_NE(lines[1].text.find(a.string() + ": Permission denied"), std::string::npos);
+}
+
+std::atomic<int> allocations_left = 0;
+
+void* allocate_or_throw(std::size_t size) {
+    if (allocations_left-- <= 0) throw std::bad_alloc();
+    return operator new(size);
+}
+
+TEST_F(Runtime, WithoutMemoryTheSearchEndsAndMayBeRepeated) {
+    const fs::path a = folder("a", {"alpha", "beta"});
+    int given = 0;
+    for (;; ++given) {
+        Interpose memory("liblcm.so", "_Znwm", &allocate_or_throw);
+        allocations_left = given;
+        const KCSTATUS status = start(a);
+        if (status == KC_OK) break;
+        ASSERT_EQ(status, runtime_error(5));
+        expect_refusal(5, "LcmStart", "the search", "no memory");
+    }
+    EXPECT_GE(given, 3);
+    EXPECT_EQ(server_of(kAlpha), "alpha");
+    EXPECT_EQ(server_of(kBeta), "beta");
+    EXPECT_EQ(take_events(),
+              (Strings{"alpha DllStart", "beta DllStart", "alpha DllGetClassObject",
+                       "alpha CreateInstance", "alpha Release", "beta DllGetClassObject",
+                       "beta CreateInstance", "beta Release"}));
 }
 
 TEST_F(Runtime, ARelativeFolderOfTheVariableIsRefused) {
@@ -695,7 +765,7 @@ TEST_F(Runtime, OsalIsReachedThroughTheRuntime) {
     ASSERT_EQ(LcmStart(nullptr), KC_OK);
     EXPECT_TRUE(osal_is_loaded());
     void* out = nullptr;
-    ASSERT_EQ(LcmCreateInstance(&kCLSID_OrvaneOsal, nullptr, &kIID_IOrvaneOsal_1, &out), KC_OK);
+    ASSERT_EQ(LcmCreateInstance(&CLSID_OrvaneOsal, nullptr, &IID_IOrvaneOsal_1, &out), KC_OK);
     auto* osal = static_cast<PIOsal>(out);
     void* block = osal->lpVtbl->KxAllocPagedMemory(osal, 100);
     EXPECT_NE(block, nullptr);
@@ -708,10 +778,10 @@ TEST_F(Runtime, OsalIsReachedThroughTheRuntime) {
 TEST_F(Runtime, OsalsRefusalOfAnAggregateAndOfAnInterfaceArePassedOn) {
     ASSERT_EQ(LcmStart(nullptr), KC_OK);
     void* out = this;
-    EXPECT_EQ(LcmCreateInstance(&kCLSID_OrvaneOsal, this, &kIID_IOrvaneOsal_1, &out), 0xC7F10004u);
+    EXPECT_EQ(LcmCreateInstance(&CLSID_OrvaneOsal, this, &IID_IOrvaneOsal_1, &out), 0xC7F10004u);
     EXPECT_EQ(out, nullptr);
     out = this;
-    EXPECT_EQ(LcmCreateInstance(&kCLSID_OrvaneOsal, nullptr, &kIID_IUnknown, &out), 0xC7F10002u);
+    EXPECT_EQ(LcmCreateInstance(&CLSID_OrvaneOsal, nullptr, &IID_IUnknown, &out), 0xC7F10002u);
     EXPECT_EQ(out, nullptr);
     expect_no_refusal();
 }
@@ -720,7 +790,7 @@ TEST_F(Runtime, OsalMayBeStartedAgainAfterAStop) {
     for (int round = 0; round < 3; ++round) {
         ASSERT_EQ(LcmStart(nullptr), KC_OK);
         void* out = nullptr;
-        ASSERT_EQ(LcmCreateInstance(&kCLSID_OrvaneOsal, nullptr, &kIID_IOrvaneOsal_1, &out), KC_OK);
+        ASSERT_EQ(LcmCreateInstance(&CLSID_OrvaneOsal, nullptr, &IID_IOrvaneOsal_1, &out), KC_OK);
         static_cast<PIOsal>(out)->lpVtbl->Release(static_cast<PIOsal>(out));
         ASSERT_EQ(LcmStop(), KC_OK);
     }
