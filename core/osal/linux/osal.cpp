@@ -71,6 +71,12 @@ void end_instance(OsalObjInfo* instance) {
     std::free(instance);
 }
 
+// The library's own instance is in use as long as the library is. It goes with a library that was
+// shut down, so that loading it again and again does not leak.
+[[gnu::destructor]] void unload() {
+    if (g_Unload && pIOsal != nullptr) end_instance(instance_of(pIOsal));
+}
+
 CFInstance* factory_of(LCM_IClassFactory* This) {
     return reinterpret_cast<CFInstance*>(This);
 }
