@@ -120,12 +120,22 @@ int Report::finish() {
     return 0;
 }
 
-void pin(unsigned core) {
+namespace {
+
+// The cores that the process may use, taken before the first pinning.
+const cpu_set_t& allowed_cores() {
     static const cpu_set_t allowed = [] {
         cpu_set_t set;
         sched_getaffinity(0, sizeof set, &set);
         return set;
     }();
+    return allowed;
+}
+
+}  // namespace
+
+void pin(unsigned core) {
+    const cpu_set_t& allowed = allowed_cores();
     unsigned left = core % static_cast<unsigned>(CPU_COUNT(&allowed));
     for (unsigned cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
         if (!CPU_ISSET(cpu, &allowed) || left-- != 0) continue;
@@ -135,6 +145,10 @@ void pin(unsigned core) {
         sched_setaffinity(0, sizeof one, &one);
         return;
     }
+}
+
+void unpin() {
+    sched_setaffinity(0, sizeof(cpu_set_t), &allowed_cores());
 }
 
 std::string size_name(std::uint64_t bytes) {

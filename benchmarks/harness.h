@@ -107,8 +107,11 @@ std::string size_name(std::uint64_t bytes);
 // "1,000,000".
 std::string count_name(std::uint64_t count);
 
-// Pins the calling thread to a core of those that the process may use, counted round.
+// Pins the calling thread to a core of those that the process may use, counted round. A report
+// pins its thread to the first; threads that are started later are pinned with it.
 void pin(unsigned core);
+// Undoes it: for subjects whose threads are to run beside each other.
+void unpin();
 
 // Files of a report.
 void write_markdown(const std::string& path, const Info& info, const std::string& command,
