@@ -2,7 +2,7 @@
 // in the counters of the instance that allocated it.
 //
 // Locks: ProtectionSpinLock of the instance for its non-paged pool, ProtectionMutex for the paged
-// one, each through its PoolLock. They guard the list and the counters only; a header is checked
+// one, each with its bias. They guard the list and the counters only; a header is checked
 // without them.
 #include "osal/memory.h"
 
@@ -23,7 +23,8 @@ namespace {
 
 constexpr Module kModule{KC_FACILITY_OSAL, "memory"};
 
-// One of an instance's two pools.
+// One of an instance's two pools. Which one is a template argument all through: handing its fields
+// over in memory would double the cost of an allocation.
 struct Pool {
     Mutex& mutex;
     PoolBias& bias;
@@ -32,12 +33,15 @@ struct Pool {
     UINT32& in_use;
 };
 
-Pool pool_of(OsalObjInfo& instance, POOL_TYPE type) {
-    if (type == NonPagedPool)
-        return {instance.ProtectionSpinLock, instance.non_paged_bias, instance.MemoryNonPagedList,
-                instance.MemoryNonPagedTotalAllocated, instance.MemoryNonPagedInUse};
-    return {instance.ProtectionMutex, instance.paged_bias, instance.MemoryPagedList,
-            instance.MemoryPagedTotalAllocated, instance.MemoryPagedInUse};
+template <POOL_TYPE type>
+Pool pool_of(OsalObjInfo* instance) {
+    if constexpr (type == NonPagedPool)
+        return {instance->ProtectionSpinLock, instance->non_paged_bias,
+                instance->MemoryNonPagedList, instance->MemoryNonPagedTotalAllocated,
+                instance->MemoryNonPagedInUse};
+    else
+        return {instance->ProtectionMutex, instance->paged_bias, instance->MemoryPagedList,
+                instance->MemoryPagedTotalAllocated, instance->MemoryPagedInUse};
 }
 
 // The statistics read the counters without the pool's lock.
@@ -47,7 +51,6 @@ void add(UINT32& counter, UINT32 amount) {
 
 // Guards are opened and closed under the lock: neighbours on the list open each other's links.
 void enlist(const Pool& pool, PoolBlock* block) {
-    PoolLock lock(pool.mutex, pool.bias);
     OpenLink last(pool.list.Blink, &pool.list);
     OsalInsertTailList(&pool.list, &block->Link);
     add(pool.total, block->Size);
@@ -56,11 +59,10 @@ void enlist(const Pool& pool, PoolBlock* block) {
 }
 
 void delist(const Pool& pool, PoolBlock* block) {
-    PoolLock lock(pool.mutex, pool.bias);
     open_guards(block);
     OpenLink next(block->Link.Flink, &pool.list);
     OpenLink previous(block->Link.Blink, &pool.list);
-    OsalRemoveEntryList(&block->Link);
+    OsalUnlinkEntry(&block->Link);
     add(pool.in_use, 0u - block->Size);
 }
 
@@ -77,12 +79,27 @@ PoolBlock* new_block(OsalObjInfo* instance, UINT32 size, POOL_TYPE pool) {
     return block;
 }
 
-PVOID allocate(PIOsal pThis, UINT32 size, POOL_TYPE type) {
+template <POOL_TYPE type>
+PVOID allocate(PIOsal pThis, UINT32 size) {
     OsalObjInfo* instance = live(pThis);
     PoolBlock* block = new_block(instance, size, type);
     if (block == nullptr) return nullptr;
-    enlist(pool_of(*instance, type), block);
-    return user_area(block);
+    const Pool pool = pool_of<type>(instance);
+    return with_pool_lock(pool.mutex, pool.bias, [=] {
+        enlist(pool_of<type>(instance), block);
+        return user_area(block);
+    });
+}
+
+template <POOL_TYPE type>
+KCSTATUS release(OsalObjInfo* instance, PoolBlock* block) {
+    const Pool pool = pool_of<type>(instance);
+    with_pool_lock(pool.mutex, pool.bias, [=] {
+        delist(pool_of<type>(instance), block);
+        return KC_OK;
+    });
+    retire_to_heap(block);
+    return KC_OK;
 }
 
 // What is wrong with a block, or null. Reads guards that AddressSanitizer would report, of blocks
@@ -105,11 +122,11 @@ NO_ADDRESS_CHECKS POOL_TYPE pool_type(const PoolBlock* block) {
 }  // namespace
 
 PVOID KxAllocNonPagedMemory(PIOsal pThis, UINT32 Size) {
-    return allocate(pThis, Size, NonPagedPool);
+    return allocate<NonPagedPool>(pThis, Size);
 }
 
 PVOID KxAllocPagedMemory(PIOsal pThis, UINT32 Size) {
-    return allocate(pThis, Size, PagedPool);
+    return allocate<PagedPool>(pThis, Size);
 }
 
 KCSTATUS KxFreeMemory(PIOsal pThis, PVOID pMemory) {
@@ -120,7 +137,6 @@ KCSTATUS KxFreeMemory(PIOsal pThis, PVOID pMemory) {
         syslog(LOG_USER | LOG_DEBUG, "%s", fault);
         return kModule.fail(KC_CODE_CORRUPT);
     }
-    delist(pool_of(*instance, pool_type(block)), block);
-    retire_to_heap(block);
-    return KC_OK;
+    return pool_type(block) == NonPagedPool ? release<NonPagedPool>(instance, block)
+                                            : release<PagedPool>(instance, block);
 }

@@ -36,11 +36,16 @@ inline void OsalInsertTailList(PLIST_ENTRY head, PLIST_ENTRY entry) {
     OsalInsertEntryBefore(entry, head);
 }
 
-inline void OsalRemoveEntryList(PLIST_ENTRY entry) {
+// Takes an entry out and leaves its own pointers as they are: for records that are wiped next.
+inline void OsalUnlinkEntry(PLIST_ENTRY entry) {
     PLIST_ENTRY next = entry->Flink;
     PLIST_ENTRY previous = entry->Blink;
     previous->Flink = next;
     next->Blink = previous;
+}
+
+inline void OsalRemoveEntryList(PLIST_ENTRY entry) {
+    OsalUnlinkEntry(entry);
     entry->Blink = KX_LIST_POISON;
     entry->Flink = KX_LIST_POISON;
 }

@@ -49,14 +49,14 @@ void enable_pool_bias() {
     barrier_granted.store(membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0);
 }
 
-void PoolLock::enter_locked() {
-    mutex_.lock();
-    const std::uintptr_t owner = bias_.owner.load(std::memory_order_relaxed);
+void enter_locked(Mutex& mutex, PoolBias& bias) {
+    mutex.lock();
+    const std::uintptr_t owner = bias.owner.load(std::memory_order_relaxed);
     if (owner == kEnded) return;
-    if (owner != kNobody) return end_bias(bias_);
+    if (owner != kNobody) return end_bias(bias);
     // The first section runs under the mutex; the next ones of this thread need it no more.
     if (barrier_granted.load(std::memory_order_relaxed))
-        bias_.owner.store(thread_token(), std::memory_order_relaxed);
+        bias.owner.store(thread_token(), std::memory_order_relaxed);
 }
 
 }  // namespace osal

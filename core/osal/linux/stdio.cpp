@@ -11,31 +11,62 @@ using osal::LooseUnit;
 namespace {
 
 constexpr UINT32 kVector = sizeof(__m128i);
+constexpr UINT32 kBlock = 4 * kVector;  // what one turn of a fast loop takes
 
 __m128i load_unaligned(const UCHAR* bytes) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
 }
 
-// A bit for each of 16 bytes, set where the two sides are equal.
-UINT32 equal_mask(const UCHAR* a, const UCHAR* b) {
-    return static_cast<UINT32>(
-        _mm_movemask_epi8(_mm_cmpeq_epi8(load_unaligned(a), load_unaligned(b))));
+// All ones in each of 16 bytes where the two sides are equal.
+__m128i equal_bytes(const UCHAR* a, const UCHAR* b) {
+    return _mm_cmpeq_epi8(load_unaligned(a), load_unaligned(b));
+}
+
+bool equal_blocks(const UCHAR* a, const UCHAR* b) {
+    const __m128i first = _mm_and_si128(equal_bytes(a, b), equal_bytes(a + kVector, b + kVector));
+    const __m128i second = _mm_and_si128(equal_bytes(a + 2 * kVector, b + 2 * kVector),
+                                         equal_bytes(a + 3 * kVector, b + 3 * kVector));
+    return _mm_movemask_epi8(_mm_and_si128(first, second)) == 0xFFFF;
 }
 
 // Index of the first difference, or of the start of the last part shorter than a vector.
 UINT32 equal_vectors(const UCHAR* a, const UCHAR* b, UINT32 length) {
     UINT32 index = 0;
+    while (length - index >= kBlock && equal_blocks(a + index, b + index))
+        index += kBlock;
     for (; length - index >= kVector; index += kVector) {
-        const UINT32 mask = equal_mask(a + index, b + index);
-        if (mask != 0xFFFFu) return index + static_cast<UINT32>(__builtin_ctz(~mask));
+        const auto equal =
+            static_cast<UINT32>(_mm_movemask_epi8(equal_bytes(a + index, b + index)));
+        if (equal != 0xFFFFu) return index + static_cast<UINT32>(__builtin_ctz(~equal));
     }
     return index;
 }
 
-// A bit for each of the 16 bytes at an aligned address that belongs to a zero unit. Reads the whole
-// vector: aligned vectors do not cross a page, so none reads what cannot be read.
-NO_MEMORY_CHECKS UINT32 zero_units(const __m128i* units) {
-    return static_cast<UINT32>(_mm_movemask_epi8(_mm_cmpeq_epi16(*units, _mm_setzero_si128())));
+// All ones in each zero unit of the 16 bytes at an aligned address. Reads the whole vector: aligned
+// vectors and blocks do not cross a page, so none reads what cannot be read.
+NO_MEMORY_CHECKS __m128i zero_units(const __m128i* units) {
+    return _mm_cmpeq_epi16(*units, _mm_setzero_si128());
+}
+
+NO_MEMORY_CHECKS UINT32 zero_mask(const __m128i* units) {
+    return static_cast<UINT32>(_mm_movemask_epi8(zero_units(units)));
+}
+
+NO_MEMORY_CHECKS bool block_has_zero(const __m128i* units) {
+    const __m128i first = _mm_or_si128(zero_units(units), zero_units(units + 1));
+    const __m128i second = _mm_or_si128(zero_units(units + 2), zero_units(units + 3));
+    return _mm_movemask_epi8(_mm_or_si128(first, second)) != 0;
+}
+
+// The first vector with a zero unit, at or behind an aligned address.
+const __m128i* find_zero(const __m128i* units) {
+    for (; reinterpret_cast<uintptr_t>(units) % kBlock != 0; ++units)
+        if (zero_mask(units) != 0) return units;
+    while (!block_has_zero(units))
+        units += kBlock / kVector;
+    while (zero_mask(units) == 0)
+        ++units;
+    return units;
 }
 
 }  // namespace
@@ -76,10 +107,8 @@ UINT32 KxStrlenW(PIOsal, const WCHAR* pStringW) {
     // Unit by unit up to a vector boundary; a string at an odd address never gets there.
     for (; reinterpret_cast<uintptr_t>(end) % kVector != 0; ++end)
         if (*end == 0) return static_cast<UINT32>(end - pStringW);
-    const auto* vector = reinterpret_cast<const __m128i*>(end);
-    while (zero_units(vector) == 0)
-        ++vector;
-    end = reinterpret_cast<const LooseUnit*>(vector);
-    end += __builtin_ctz(zero_units(vector)) / sizeof(WCHAR);
+    const __m128i* last = find_zero(reinterpret_cast<const __m128i*>(end));
+    end = reinterpret_cast<const LooseUnit*>(last);
+    end += __builtin_ctz(zero_mask(last)) / sizeof(WCHAR);
     return static_cast<UINT32>(end - pStringW);
 }
