@@ -19,7 +19,8 @@ constexpr Module kModule{KC_FACILITY_OSAL, "stats"};
 
 constexpr UINT32 kHeaderSize = offsetof(GEN_OSAL_STATS_INFO_BUF, GenOsalStatsInfo);
 constexpr UINT32 kRecordSize = sizeof(GEN_OSAL_STATS_INFO);
-constexpr UINT32 kSpareSize = 500;  // offered on top of the need, for instances made meanwhile
+// Contract: offered on top of the need, for instances made meanwhile.
+constexpr UINT32 kSpareSize = 500;
 static_assert(kHeaderSize == 8);
 static_assert(kRecordSize == 80);
 static_assert(sizeof(GEN_OSAL_STATS_INFO::ModuleName) == OsalObjInfo::kNameSize);

@@ -41,6 +41,10 @@ COMMIT;
 constexpr int kApplicationId = 0x6F727667;
 constexpr int kFormat = 1;
 
+constexpr const char* kSetValue =
+    "INSERT INTO vals VALUES(?, ?, ?, ?)"
+    " ON CONFLICT DO UPDATE SET type = excluded.type, data = excluded.data";
+
 constexpr const char* kStatements[] = {
     "BEGIN",
     "BEGIN IMMEDIATE",
@@ -56,8 +60,7 @@ constexpr const char* kStatements[] = {
     "DELETE FROM vals WHERE key = ?",
     "SELECT type, data FROM vals WHERE key = ? AND name = ?",
     "SELECT name, type, data FROM vals WHERE key = ? AND name >= ? ORDER BY name LIMIT 1 OFFSET ?",
-    "INSERT INTO vals VALUES(?, ?, ?, ?)"
-    " ON CONFLICT DO UPDATE SET type = excluded.type, data = excluded.data",
+    kSetValue,
     "DELETE FROM vals WHERE key = ? AND name = ?",
 };
 constexpr auto kStatementCount = static_cast<std::size_t>(Sql::kCount);

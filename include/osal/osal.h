@@ -13,6 +13,7 @@
 #include "osal/lock.h"
 #include "osal/memory.h"
 #include "osal/primitives.h"
+#include "osal/registry.h"
 #include "osal/statistics.h"
 #include "osal/status.h"
 #include "osal/thread.h"

@@ -16,22 +16,22 @@
          (PIOsal pThis, const GUID* pIId, void** ppInterface))                                    \
     SLOT(1, AddRef, OsalAddReference, UINT32, (PIOsal pThis))                                     \
     SLOT(2, Release, OsalReleaseReference, UINT32, (PIOsal pThis))                                \
-    VACANT(3, KxCloseKey, KxCloseKey, KCSTATUS, (PIOsal pThis, HANDLE Handle))                    \
-    VACANT(4, KxCreateKey, KxCreateKey, KCSTATUS,                                                 \
+    SLOT(3, KxCloseKey, KxCloseKey, KCSTATUS, (PIOsal pThis, HANDLE Handle))                      \
+    SLOT(4, KxCreateKey, KxCreateKey, KCSTATUS,                                                   \
          (PIOsal pThis, const WCHAR* pKeyNameW, KX_KEY_ACCESS DesiredAccess, HANDLE* pHandle))    \
-    VACANT(5, KxDeleteKey, KxDeleteKey, KCSTATUS, (PIOsal pThis, HANDLE Handle))                  \
-    VACANT(6, KxEnumerateKey, KxEnumerateKey, KCSTATUS,                                           \
+    SLOT(5, KxDeleteKey, KxDeleteKey, KCSTATUS, (PIOsal pThis, HANDLE Handle))                    \
+    SLOT(6, KxEnumerateKey, KxEnumerateKey, KCSTATUS,                                             \
          (PIOsal pThis, HANDLE Handle, UINT32 Index, PVOID pKeyInformation, UINT32 Length,        \
           PUINT32 pResultLength))                                                                 \
-    VACANT(7, KxEnumerateValueKey, KxEnumerateValueKey, KCSTATUS,                                 \
+    SLOT(7, KxEnumerateValueKey, KxEnumerateValueKey, KCSTATUS,                                   \
          (PIOsal pThis, HANDLE Handle, UINT32 Index, PVOID pKeyValueInformation, UINT32 Length,   \
           PUINT32 pResultLength))                                                                 \
-    VACANT(8, KxOpenKey, KxOpenKey, KCSTATUS,                                                     \
+    SLOT(8, KxOpenKey, KxOpenKey, KCSTATUS,                                                       \
          (PIOsal pThis, const WCHAR* pKeyNameW, KX_KEY_ACCESS DesiredAccess, HANDLE* pHandle))    \
-    VACANT(9, KxQueryValueKey, KxQueryValueKey, KCSTATUS,                                         \
+    SLOT(9, KxQueryValueKey, KxQueryValueKey, KCSTATUS,                                           \
          (PIOsal pThis, HANDLE Handle, const WCHAR* pValueNameW, PVOID pKeyValueInfo, UINT32      \
           Length, PUINT32 pResultLength))                                                         \
-    VACANT(10, KxSetValueKey, KxSetValueKey, KCSTATUS,                                            \
+    SLOT(10, KxSetValueKey, KxSetValueKey, KCSTATUS,                                              \
          (PIOsal pThis, HANDLE Handle, const WCHAR* pValueNameW, KX_REG_TYPE DataType, const      \
           void* pData, UINT32 DataLength))                                                        \
     SLOT(11, KxDebugBreakPoint, KxDebugBreakPoint, void, (PIOsal pThis))                          \
@@ -174,7 +174,7 @@
          (PIOsal pThis, const CHAR* pModuleName))                                                 \
     SLOT(88, KxGetGeneralOsalStatistics, KxGetGeneralOsalStatistics, KCSTATUS,                    \
          (PIOsal pThis, PUINT32 pSize, PVOID pStatBuf))                                           \
-    VACANT(89, KxDeleteValue, KxDeleteValue, KCSTATUS,                                            \
+    SLOT(89, KxDeleteValue, KxDeleteValue, KCSTATUS,                                              \
          (PIOsal pThis, HANDLE Handle, const WCHAR* pValueNameW))
 /* clang-format on */
 
