@@ -1,6 +1,7 @@
 // Timers, by export and by slot: tick by tick, with the timer thread stopped.
 #include "osal/timer.h"
 
+#include <set>
 #include <vector>
 
 #include "osal/internal/atomics.h"
@@ -23,7 +24,14 @@ class Timer : public BothWays {
     HANDLE new_timer(PKX_TIMER_ROUTINE routine, void* context) {
         HANDLE timer = nullptr;
         EXPECT_EQ(CALL(KxAllocTimer)(osal, routine, context, FALSE, &timer), KC_OK);
+        timers.insert(timer);
         return timer;
+    }
+    void TearDown() override {
+        for (HANDLE timer : timers) {
+            KxCancelTimer(osal, timer);
+            EXPECT_EQ(KxDestroyTimer(osal, timer), KC_OK);
+        }
     }
     // A timer that notes its number when it fires.
     HANDLE noting(int number) {
@@ -40,7 +48,11 @@ class Timer : public BothWays {
         return CALL(KxScheduleTimer)(osal, timer, timeout_us);
     }
     BOOLEAN cancel(HANDLE timer) { return CALL(KxCancelTimer)(osal, timer); }
-    KCSTATUS destroy(HANDLE timer) { return CALL(KxDestroyTimer)(osal, timer); }
+    KCSTATUS destroy(HANDLE timer) {
+        const KCSTATUS status = CALL(KxDestroyTimer)(osal, timer);
+        if (status == KC_OK) timers.erase(timer);
+        return status;
+    }
 
     // What fires in the next tick.
     std::vector<int> tick() {
@@ -54,6 +66,7 @@ class Timer : public BothWays {
         int number;
     };
     StoppedTimerThread stopped;
+    std::set<HANDLE> timers;  // not destroyed yet
     std::vector<int> fired;
     std::vector<std::unique_ptr<Note>> numbers;
 };
@@ -459,6 +472,7 @@ TEST_P(Timer, ARoutineMayDestroyItsOwnTimer) {
         },
         &inside);
     EXPECT_EQ(arm(timer, kTick), KC_OK);
+    timers.erase(timer);
     OsalServiceTimerQueues();
     EXPECT_EQ(record->TimerInUse, 0u);
     EXPECT_EQ(g_OsalCurrentlyExecutingTimerPtr, nullptr);

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <set>
 #include <vector>
 
 #include "osal/internal/atomics.h"
@@ -22,12 +23,28 @@ class WorkItem : public BothWays {
     HANDLE new_item(PKX_WORK_ITEM_ROUTINE routine, void* context) {
         HANDLE item = nullptr;
         EXPECT_EQ(CALL(KxAllocWorkItem)(osal, routine, context, &item), KC_OK);
+        items.insert(item);
         return item;
+    }
+    // Items may still be queued, but no longer for a worker.
+    void TearDown() override {
+        OsalUninitialize();
+        for (HANDLE item : items) {
+            static_cast<PKX_WORK_ITEM_HANDLE>(item)->pending = FALSE;
+            EXPECT_EQ(KxDestroyWorkItem(osal, item), KC_OK);
+        }
     }
     KCSTATUS schedule(HANDLE item) {
         return CALL(KxScheduleWorkItem)(osal, item, KX_PRIORITY_NORMAL);
     }
-    KCSTATUS destroy(HANDLE item) { return CALL(KxDestroyWorkItem)(osal, item); }
+    KCSTATUS destroy(HANDLE item) {
+        const UINT32 before = osal::load(record->WorkItemInUse);
+        const KCSTATUS status = CALL(KxDestroyWorkItem)(osal, item);
+        if (osal::load(record->WorkItemInUse) < before) items.erase(item);
+        return status;
+    }
+
+    std::set<HANDLE> items;  // not destroyed yet
 };
 OSAL_BOTH_WAYS(WorkItem);
 
@@ -294,6 +311,7 @@ TEST_P(WorkItem, ARoutineMayDestroyItsOwnItem) {
             return nullptr;
         },
         &end);
+    items.erase(item);
     EXPECT_EQ(schedule(item), KC_OK);
     EXPECT_TRUE(eventually([&] { return end.status == 0; }));
     EXPECT_EQ(osal::load(record->WorkItemInUse), 0u);

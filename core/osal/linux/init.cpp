@@ -80,6 +80,21 @@ int register_fork_handler() {
     return result;
 }
 
+void make_pristine(Mutex& mutex) {
+    std::memcpy(&mutex, &g_dummy_mutex, sizeof mutex);
+}
+
+// A fork child has no library thread to count, and shutdown must not wait for one. What these
+// threads, or others of the parent, held at the moment of fork is free here, so that class objects,
+// instances and shutdown can be had; the queues themselves may be in the middle of a change.
+void start_over_without_threads() {
+    store(g_OsalNumTimerThreads, 0);
+    store(g_OsalNumWorkItemThreads, 0);
+    make_pristine(g_OsalTimerQueueMutex);
+    make_pristine(g_OsalWorkItemQueue.mutex);
+    make_pristine(InterfaceMutex);
+}
+
 KCSTATUS create_own_instance() {
     OsalInitializeListHead(&InterfaceList);
     InterfaceCount = 0;  // a start that failed later may have left an instance counted
@@ -103,7 +118,8 @@ void OsalGetLimits() {
 
 // Some other thread of the parent may have held the mutex; that thread does not exist here.
 void OsalForkChildHandler() {
-    std::memcpy(&g_hModuleMutex, &g_dummy_mutex, sizeof g_dummy_mutex);
+    make_pristine(g_hModuleMutex);
+    if (forget_threads_of_parent()) start_over_without_threads();
 }
 
 KCSTATUS OsalInitialize() {

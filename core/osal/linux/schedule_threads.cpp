@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include "osal/internal/atomics.h"
 
@@ -16,6 +17,9 @@ constexpr pthread_t kNone = 0;
 
 // The thread that left last, not joined yet.
 constinit std::atomic<pthread_t> last_to_leave{kNone};
+
+// The process that library threads were started in; 0 if none were.
+constinit std::atomic<pid_t> home{0};
 
 void join(pthread_t thread) {
     if (thread != kNone) pthread_join(thread, nullptr);
@@ -37,6 +41,7 @@ bool start_library_thread(ThreadRoutine routine, void* argument) {
     const sigset_t blocked = all_but_faults();
     sigset_t callers;
     pthread_t thread;
+    home.store(getpid());
     // A thread inherits the mask of its maker, so that no signal can slip in before it runs.
     pthread_sigmask(SIG_SETMASK, &blocked, &callers);
     const bool started = pthread_create(&thread, nullptr, routine, argument) == 0;
@@ -59,8 +64,12 @@ void join_library_threads() {
     join(last_to_leave.exchange(kNone));
 }
 
-void forget_library_threads() {
+bool forget_threads_of_parent() {
+    const pid_t started_in = home.load();
+    if (started_in == 0 || started_in == getpid()) return false;
+    home.store(0);
     last_to_leave.store(kNone);
+    return true;
 }
 
 }  // namespace osal
