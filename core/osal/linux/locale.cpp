@@ -11,7 +11,9 @@
 #include <cstdlib>
 
 #include "osal/linux/internal/converter.h"
+#include "osal/linux/internal/escape.h"
 #include "osal/linux/internal/locale.h"
+#include "osal/linux/internal/locale_pages.h"
 
 using namespace osal;
 
@@ -174,10 +176,12 @@ int InitCharConvInfrastructure() {
         return -1;
     }
     g_ansiCodePageSupportsEuro = CheckCodePageEuroSupport(g_pAnsiCodePage);
+    open_pages(g_pOemCodePage, g_pAnsiCodePage);
     return 0;
 }
 
 void UnInitCharConvInfrastructure() {
+    close_pages();
     release(g_pAnsiCodePage);
     release(g_pOemCodePage);
 }

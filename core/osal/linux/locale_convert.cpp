@@ -8,11 +8,14 @@
 
 #include "osal/internal/status.h"
 #include "osal/linux/internal/locale.h"
+#include "osal/linux/internal/locale_fast.h"
 #include "osal/linux/internal/locale_literal.h"
+#include "osal/linux/internal/locale_pages.h"
 #include "osal/memory.h"
 #include "osal/primitives.h"
 
 using namespace osal;
+using fast::Outcome;
 
 namespace {
 
@@ -153,27 +156,57 @@ UINT32 convert(const Request<In, Out>& request) {
     return convert_through(request, length, local, size);
 }
 
+// Result of an internal routine.
+int result_of(Outcome outcome, UINT32* count) {
+    if (outcome == Outcome::kDone) return 0;
+    *count = 0;
+    return -1;
+}
+
 }  // namespace
 
 OSAL_BEGIN_DECLS
 
 int LocToUni(const CHAR* pCodePage, BOOLEAN codePageSupportsEuro, const CHAR* pInMulti,
              UINT32 inMultiChars, PWCHAR pOutWide, PUINT32 pOutWideChars) {
+    if (const FastPage* page = fast_page(pCodePage)) {
+        const bool euro = codePageSupportsEuro;
+        const Outcome outcome =
+            page->tables == nullptr
+                ? fast::utf8_page_to_wide(euro, pInMulti, inMultiChars, pOutWide, *pOutWideChars)
+                : fast::page_to_wide(*page->tables, euro, pInMulti, inMultiChars, pOutWide,
+                                     *pOutWideChars);
+        if (outcome != Outcome::kUndecided) return result_of(outcome, pOutWideChars);
+    }
     return literal::loc_to_uni(pCodePage, codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
                                pOutWideChars);
 }
 
 int UniToLoc(const CHAR* pCodePage, const WCHAR* pInWide, UINT32 inWideChars, PCHAR pOutMulti,
              PUINT32 pOutMultiChars) {
+    if (const FastPage* page = fast_page(pCodePage)) {
+        const Outcome outcome =
+            page->tables == nullptr
+                ? fast::wide_to_utf8_page(pInWide, inWideChars, pOutMulti, *pOutMultiChars)
+                : fast::wide_to_page(*page->tables, pInWide, inWideChars, pOutMulti,
+                                     *pOutMultiChars);
+        if (outcome != Outcome::kUndecided) return result_of(outcome, pOutMultiChars);
+    }
     return literal::uni_to_loc(pCodePage, pInWide, inWideChars, pOutMulti, pOutMultiChars);
 }
 
 int Utf8ToUni(const CHAR* pInMulti, UINT32 inMultiChars, PWCHAR pOutWide, PUINT32 pOutWideChars) {
-    return literal::utf8_to_uni(pInMulti, inMultiChars, pOutWide, pOutWideChars);
+    if (!is_utf8_fast())
+        return literal::utf8_to_uni(pInMulti, inMultiChars, pOutWide, pOutWideChars);
+    return result_of(fast::utf8_to_wide(pInMulti, inMultiChars, pOutWide, *pOutWideChars),
+                     pOutWideChars);
 }
 
 int UniToUtf8(const WCHAR* pInWide, UINT32 inWideChars, PCHAR pOutMulti, PUINT32 pOutMultiChars) {
-    return literal::uni_to_utf8(pInWide, inWideChars, pOutMulti, pOutMultiChars);
+    if (!is_utf8_fast())
+        return literal::uni_to_utf8(pInWide, inWideChars, pOutMulti, pOutMultiChars);
+    return result_of(fast::wide_to_utf8(pInWide, inWideChars, pOutMulti, *pOutMultiChars),
+                     pOutMultiChars);
 }
 
 UINT32 Utf8SeqLen(UCHAR firstSeqByte) {

@@ -25,8 +25,8 @@ class ToWide {
     bool is_open() const { return converter_.is_open(); }
 
     // Converts a sequence of bytes, followed by a zero byte, to one unit. False: errno says why.
-    bool convert(const CHAR* sequence, UINT32 length, WCHAR& unit) {
-        CHAR in[kLongestSequence + 1] = {};
+    bool convert(const UCHAR* sequence, UINT32 length, WCHAR& unit) {
+        UCHAR in[kLongestSequence + 1] = {};
         WCHAR out[3] = {};
         std::size_t room = sizeof out;
         memcpy(in, sequence, length);
@@ -46,7 +46,7 @@ class ToWide {
 class FromWide {
   public:
     explicit FromWide(const char* page) : converter_(page, kWideCharset) {
-        if (is_open()) pass_byte_order_mark();
+        if (is_open()) converter_.pass_byte_order_mark();
     }
     bool is_open() const { return converter_.is_open(); }
 
@@ -58,7 +58,7 @@ class FromWide {
 
     // Converts a unit, followed by a zero unit. room: bytes of out, on return those of the
     // character without its terminator, 0 if there is none.
-    bool convert(WCHAR unit, CHAR* out, std::size_t& room) {
+    bool convert(WCHAR unit, UCHAR* out, std::size_t& room) {
         const WCHAR in[2] = {unit, 0};
         fresh_ = false;
         if (!converter_.convert(in, sizeof in, out, room)) return false;
@@ -67,20 +67,12 @@ class FromWide {
     }
 
   private:
-    // With its mark behind it, the converter takes no unit of the input for one: U+FFFE would make
-    // it read everything after it in the other byte order.
-    void pass_byte_order_mark() {
-        CHAR nothing[4];
-        std::size_t room = sizeof nothing;
-        converter_.convert(&kByteOrderMark, sizeof kByteOrderMark, nothing, room);
-    }
-
     Converter converter_;
     bool fresh_ = true;
 };
 
 // Converts the shortest sequence that is a character of the page. Returns its length, 0 for none.
-UINT32 convert_shortest(ToWide& converter, const CHAR* in, UINT32 left, WCHAR& unit) {
+UINT32 convert_shortest(ToWide& converter, const UCHAR* in, UINT32 left, WCHAR& unit) {
     for (UINT32 length = 1; length <= kLongestInPage && length <= left; ++length) {
         if (converter.convert(in, length, unit)) return length;
         if (errno != EILSEQ && errno != EINVAL) return 0;
@@ -89,14 +81,11 @@ UINT32 convert_shortest(ToWide& converter, const CHAR* in, UINT32 left, WCHAR& u
 }
 
 // One step of loc_to_uni: the bytes consumed for one unit, 0 for a failure.
-UINT32 read_unit(ToWide& converter, BOOLEAN supports_euro, const CHAR* in, UINT32 left,
+UINT32 read_unit(ToWide& converter, BOOLEAN supports_euro, const UCHAR* in, UINT32 left,
                  WCHAR& unit) {
-    const auto byte = static_cast<UCHAR>(*in);
-    if (starts_escape(in, left)) {
-        unit = read_escape(in);
-        return kEscapeLength;
-    }
-    if (is_separator(byte) || byte == '[') {
+    const UCHAR byte = *in;
+    if (byte == '[') return static_cast<UINT32>(read_bracket(in, left, unit));
+    if (is_separator(byte)) {
         unit = byte;
         return 1;
     }
@@ -107,34 +96,19 @@ UINT32 read_unit(ToWide& converter, BOOLEAN supports_euro, const CHAR* in, UINT3
     return convert_shortest(converter, in, left, unit);
 }
 
-// What a unit becomes that the page does not hold: the bytes written, 0 for lack of room.
-UINT32 write_refused(WCHAR unit, CHAR* out, UINT32 room) {
-    if (unit == kEuro) {
-        *out = static_cast<CHAR>(kEuroByte);
-        return 1;
-    }
-    if (room < kEscapeLength) return 0;
-    write_escape(unit, out);
-    return kEscapeLength;
-}
-
-// One step of uni_to_loc: the bytes written, 0 for lack of room. room is not 0.
-UINT32 write_unit(FromWide& converter, WCHAR unit, CHAR* out, UINT32 room) {
+// The bytes of one unit: bytes has room for an escape. Returns their number.
+std::size_t write_unit(FromWide& converter, WCHAR unit, UCHAR* bytes) {
     if (is_separator(unit)) {
-        *out = static_cast<CHAR>(unit);
+        *bytes = static_cast<UCHAR>(unit);
         return 1;
     }
     if (converter.is_mark(unit)) {
         converter.skip_mark();
-        return write_refused(unit, out, room);
+        return write_refused(unit, bytes);
     }
-    CHAR bytes[4];
-    std::size_t size = sizeof bytes;
+    std::size_t size = 4;
     // A converter that yields nothing but the terminator does not hold the unit either.
-    if (!converter.convert(unit, bytes, size) || size == 0) return write_refused(unit, out, room);
-    if (size > room) return 0;
-    memcpy(out, bytes, size);
-    return static_cast<UINT32>(size);
+    return converter.convert(unit, bytes, size) && size > 0 ? size : write_refused(unit, bytes);
 }
 
 int not_open(const char* message) {
@@ -157,6 +131,7 @@ UINT32 utf8_sequence_length(UCHAR first) {
 
 int loc_to_uni(const CHAR* page, BOOLEAN supports_euro, const CHAR* in, UINT32 length, WCHAR* out,
                UINT32* count) {
+    const auto* bytes = reinterpret_cast<const UCHAR*>(in);
     const UINT32 capacity = *count;
     *count = 0;
     ToWide converter(page);
@@ -168,7 +143,7 @@ int loc_to_uni(const CHAR* page, BOOLEAN supports_euro, const CHAR* in, UINT32 l
     for (UINT32 consumed = 0; consumed < length;) {
         if (produced == capacity) return kFailed;
         const UINT32 step =
-            read_unit(converter, supports_euro, in + consumed, length - consumed, out[produced]);
+            read_unit(converter, supports_euro, bytes + consumed, length - consumed, out[produced]);
         if (step == 0) return kFailed;
         consumed += step;
         ++produced;
@@ -181,27 +156,29 @@ int uni_to_loc(const CHAR* page, const WCHAR* in, UINT32 length, CHAR* out, UINT
     *count = 0;
     FromWide converter(page);
     if (!converter.is_open()) return not_open("UniToLoc: Unable to open conversion descriptor\n");
-    if (length != 0 && capacity == 0) return kFailed;
     UINT32 produced = 0;
     for (UINT32 i = 0; i < length; ++i) {
-        const UINT32 step = write_unit(converter, in[i], out + produced, capacity - produced);
-        produced += step;
+        UCHAR bytes[kEscapeLength];
+        const std::size_t size = write_unit(converter, in[i], bytes);
         // Contract: reaching the capacity fails, also with the last unit.
-        if (step == 0 || produced == capacity) return kFailed;
+        if (size >= capacity - produced) return kFailed;
+        memcpy(out + produced, bytes, size);
+        produced += static_cast<UINT32>(size);
     }
     return done(count, produced);
 }
 
 int utf8_to_uni(const CHAR* in, UINT32 length, WCHAR* out, UINT32* count) {
+    const auto* bytes = reinterpret_cast<const UCHAR*>(in);
     const UINT32 capacity = *count;
     *count = 0;
     ToWide converter("UTF-8");
     if (!converter.is_open()) return not_open("Utf8ToUni: Unable to open conversion descriptor\n");
     UINT32 produced = 0;
     for (UINT32 consumed = 0; consumed < length; ++produced) {
-        const UINT32 step = utf8_sequence_length(static_cast<UCHAR>(in[consumed]));
+        const UINT32 step = utf8_sequence_length(bytes[consumed]);
         if (produced == capacity || step > length - consumed) return kFailed;
-        if (!converter.convert(in + consumed, step, out[produced])) return kFailed;
+        if (!converter.convert(bytes + consumed, step, out[produced])) return kFailed;
         consumed += step;
     }
     return done(count, produced);
@@ -214,7 +191,7 @@ int uni_to_utf8(const WCHAR* in, UINT32 length, CHAR* out, UINT32* count) {
     if (!converter.is_open()) return not_open("UniToUtf8: Unable to open conversion descriptor\n");
     UINT32 produced = 0;
     for (UINT32 i = 0; i < length; ++i) {
-        CHAR bytes[8];
+        UCHAR bytes[8];
         std::size_t size = 0;
         if (converter.is_mark(in[i])) {
             // Contract: a byte-order mark at the start is dropped; a swapped one is no character.

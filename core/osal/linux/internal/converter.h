@@ -15,7 +15,6 @@ inline constexpr char kWideCharset[] = "UNICODE";
 
 inline constexpr WCHAR kByteOrderMark = 0xFEFF;
 inline constexpr WCHAR kSwappedByteOrderMark = 0xFFFE;
-inline constexpr WCHAR kEuro = 0x20AC;
 
 class Converter {
   public:
@@ -38,6 +37,23 @@ class Converter {
         const std::size_t result = iconv(handle_, &source, &in_size, &target, &left);
         room -= left;
         return result != static_cast<std::size_t>(-1);
+    }
+
+    // With its mark behind it, a converter from the wide side takes no unit for one: U+FFFE would
+    // make it read everything after it in the other byte order.
+    bool pass_byte_order_mark() {
+        char nothing[4];
+        std::size_t room = sizeof nothing;
+        return convert(&kByteOrderMark, sizeof kByteOrderMark, nothing, room) && room == 0;
+    }
+
+    // Returns to the initial state. True: the converter was in it.
+    bool reset() {
+        char bytes[16];
+        char* target = bytes;
+        std::size_t left = sizeof bytes;
+        iconv(handle_, nullptr, nullptr, &target, &left);
+        return target == bytes;
     }
 
   private:
