@@ -9,6 +9,8 @@
 namespace osal {
 namespace {
 
+constexpr std::size_t kCacheLine = 64;
+
 constinit Branch root{};
 constinit LIST_ENTRY free_nodes = {&free_nodes, &free_nodes};
 
@@ -127,6 +129,27 @@ void return_node(IndexNode* node) {
     *branch = Branch(substitute);
 }
 
+void fetch(Branch branch) {
+    if (branch.is_node()) {
+        const char* node = reinterpret_cast<const char*>(branch.node());
+        for (std::size_t line = 0; line < sizeof(IndexNode); line += kCacheLine)
+            __builtin_prefetch(node + line);
+    } else if (!branch.empty()) {
+        __builtin_prefetch(&branch.timer()->pNextTimerStruct);
+        __builtin_prefetch(&branch.timer()->expiry);
+    }
+}
+
+// One step down towards the timer before a tick. Does not go back up when a way ends blind.
+Branch step_down(const IndexNode& node, UINT64 tick) {
+    unsigned used = node.used;
+    if (covers(node, tick))
+        used &= (2u << digit_of(tick, node)) - 1;
+    else if (node.prefix > tick)
+        used = 0;
+    return used != 0 ? highest_branch(node, used) : Branch{};
+}
+
 bool shares_tick(const Timer* timer, const Timer* other) {
     return other != nullptr && other->expiry == timer->expiry;
 }
@@ -144,6 +167,23 @@ Timer* index_insert(Timer* timer) {
     else
         *place.branch = fork(*place.branch, timer);
     return before;
+}
+
+void index_prefetch(const UINT64* ticks, unsigned count) {
+    Branch scouts[kScouts];
+    for (unsigned i = 0; i < count; ++i)
+        scouts[i] = root;
+    for (bool moved = true; moved;) {
+        moved = false;
+        for (unsigned i = 0; i < count; ++i) {
+            if (!scouts[i].is_node()) continue;
+            scouts[i] = step_down(*scouts[i].node(), ticks[i]);
+            fetch(scouts[i]);
+            moved = true;
+        }
+    }
+    for (unsigned i = 0; i < count; ++i)
+        if (!scouts[i].empty()) fetch(Branch(scouts[i].timer()->pNextTimerStruct));
 }
 
 void index_erase(Timer* timer) {

@@ -56,9 +56,20 @@ void pass_ticks_locked(UINT32 ticks) REQUIRES(g_OsalTimerQueueMutex) {
     now += ticks;
 }
 
+void prefetch_feeder() REQUIRES(g_OsalTimerQueueMutex) {
+    UINT64 ticks[kScouts];
+    unsigned count = 0;
+    const Timer* timer = g_OsalTimerFeededQueHeadPtr;
+    for (; timer != nullptr && count < kScouts; timer = timer->pNextTimerStruct)
+        ticks[count++] = now + timer->timeOutValue;
+    if (count > 1) index_prefetch(ticks, count);
+}
+
 // Newest first, so that of two timers of one tick the one armed later comes first.
 void sort_in_feeder() REQUIRES(g_OsalTimerQueueMutex) {
-    while (Timer* timer = g_OsalTimerFeededQueHeadPtr) {
+    for (unsigned i = 0; g_OsalTimerFeededQueHeadPtr != nullptr; ++i) {
+        if (i % kScouts == 0) prefetch_feeder();
+        Timer* timer = g_OsalTimerFeededQueHeadPtr;
         g_OsalTimerFeededQueHeadPtr = timer->pNextTimerStruct;
         OsalAddToTimerQue(timer);
     }

@@ -55,6 +55,11 @@ struct IndexNode {
 // the timer that comes before it in the queue, or null if it comes first.
 Timer* index_insert(Timer* timer);
 
+// Fetches into the cache what insertions at these ticks will touch, all at a time: one after the
+// other, each would wait for memory at every step. At most kScouts ticks.
+constexpr unsigned kScouts = 16;
+void index_prefetch(const UINT64* ticks, unsigned count);
+
 // Takes out a timer that is still linked in the queue and gives its node back.
 void index_erase(Timer* timer);
 
