@@ -7,6 +7,8 @@
 #include <stdio.h>
 #include <time.h>
 
+#include <bit>
+
 #include "osal/debug.h"
 #include "osal/internal/atomics.h"
 #include "osal/internal/instance.h"
@@ -38,44 +40,112 @@ using WorkItem = _KX_WORK_ITEM_HANDLE_;
 using Worker = WorkItemThreadObj;
 constinit QUEUE_INFO& queue = g_OsalWorkItemQueue;
 
-// The first worker that sleeps, no longer marked as one; null if all are busy. The caller signals
-// its condition.
+// Workers that were claimed from their sleep and have not come yet. Waking one costs as much as
+// running dozens of items, so only one is signalled at a time; when it comes it signals the next,
+// unless the queue was emptied meanwhile and the others may sleep on. Nobody can tell but by the
+// clock: a claimed worker is not marked inactive, whether it was signalled or not.
+struct Claims {
+    Worker* signalled;  // on its way; none waits unless there is one
+    UINT32 waiting;     // a bit for each slot that is to be signalled after it
+};
+constinit Claims claims GUARDED_BY(queue.mutex) = {};
+
+UINT32 bit_of(const Worker& worker) {
+    return 1u << (&worker - g_OsalWorkItemThreads);
+}
+
+// The claimed worker that is to be signalled now, or null.
+Worker* next_signal() REQUIRES(queue.mutex) {
+    if (claims.signalled != nullptr || claims.waiting == 0) return nullptr;
+    claims.signalled = &g_OsalWorkItemThreads[std::countr_zero(claims.waiting)];
+    claims.waiting &= claims.waiting - 1;
+    return claims.signalled;
+}
+
+// Claims the first worker that sleeps. Returns the one to be signalled.
 Worker* claim_sleeper() REQUIRES(queue.mutex) {
     const INT32 live = load(g_OsalNumWorkItemThreads);
     for (INT32 i = 0; i < live; ++i) {
         Worker& worker = g_OsalWorkItemThreads[i];
         if (!worker.inactive) continue;
         worker.inactive = FALSE;
-        return &worker;
+        claims.waiting |= bit_of(worker);
+        return next_signal();
     }
     return nullptr;
 }
 
-void wake(Worker* worker) {
+void release_claims() REQUIRES(queue.mutex) {
+    for (; claims.waiting != 0; claims.waiting &= claims.waiting - 1)
+        g_OsalWorkItemThreads[std::countr_zero(claims.waiting)].inactive = TRUE;
+}
+
+// A worker is awake, claimed or not.
+void arrive(Worker& worker) REQUIRES(queue.mutex) {
+    worker.inactive = FALSE;
+    claims.waiting &= ~bit_of(worker);
+    if (claims.signalled == &worker) claims.signalled = nullptr;
+}
+
+// By a worker that came for an item. Returns the next one to be signalled.
+Worker* pass_on() REQUIRES(queue.mutex) {
+    if (!OsalIsListEmpty(&queue.listHead)) return next_signal();
+    if (claims.signalled == nullptr) release_claims();
+    return nullptr;
+}
+
+void signal(Worker* worker) {
     if (worker != nullptr) pthread_cond_signal(&worker->condition);
+}
+
+void append(WorkItem* item) REQUIRES(queue.mutex) {
+    store(item->pending, TRUE);
+    OsalInsertTailList(&queue.listHead, &item->schedQueue);
+    increment(g_OsalCurrentWorkItems);
 }
 
 // False if the item is queued already.
 bool enqueue(WorkItem* item) {
-    Lock lock(queue.mutex);
-    if (load(item->pending)) return false;
-    store(item->pending, TRUE);
-    OsalInsertTailList(&queue.listHead, &item->schedQueue);
-    increment(g_OsalCurrentWorkItems);
-    wake(claim_sleeper());
+    Worker* claimed;
+    {
+        Lock lock(queue.mutex);
+        if (load(item->pending)) return false;
+        append(item);
+        claimed = claim_sleeper();
+    }
+    signal(claimed);
     return true;
 }
 
-// Sleeps until there is an item and takes the oldest; null if the worker is to end, with whatever
-// is queued left there.
-WorkItem* take_item(Worker& worker) REQUIRES(queue.mutex) {
+// Sleeps until there is an item or the worker is to end; true for an item.
+bool await_item(Worker& worker) REQUIRES(queue.mutex) {
     while (OsalIsListEmpty(&queue.listHead) && !worker.exit) {
+        pass_on();
         worker.inactive = TRUE;
         pthread_cond_wait(&worker.condition, &queue.mutex.native);
+        arrive(worker);
     }
-    if (worker.exit) return nullptr;
+    return !worker.exit;
+}
+
+WorkItem* pop_oldest() REQUIRES(queue.mutex) {
     decrement(g_OsalCurrentWorkItems);
     return record_of<WorkItem>(OsalRemoveHeadList(&queue.listHead), offsetof(WorkItem, schedQueue));
+}
+
+// The oldest item, once there is one; null if the worker is to end, with whatever is queued left
+// there.
+WorkItem* take_item(Worker& worker) {
+    Worker* next;
+    WorkItem* item;
+    {
+        Lock lock(queue.mutex);
+        if (!await_item(worker)) return nullptr;
+        item = pop_oldest();
+        next = pass_on();
+    }
+    signal(next);
+    return item;
 }
 
 // An item may be gone or queued again as soon as pending is cleared.
@@ -88,11 +158,6 @@ void run(WorkItem* item) {
     routine(item, context);
 }
 
-WorkItem* next_item(Worker& worker) {
-    Lock lock(queue.mutex);
-    return take_item(worker);
-}
-
 void enter_worker(const Worker& worker) {
     char name[16];
     snprintf(name, sizeof name, "osal-worker-%d",
@@ -103,7 +168,7 @@ void enter_worker(const Worker& worker) {
 void prepare(Worker& worker) {
     Lock lock(queue.mutex);
     worker.exit = FALSE;
-    worker.inactive = FALSE;
+    arrive(worker);
     pthread_cond_init(&worker.condition, nullptr);
 }
 
@@ -114,7 +179,7 @@ OSAL_BEGIN_DECLS
 void* OsalWorkItemThread(void* slot) {
     auto& worker = *static_cast<Worker*>(slot);
     enter_worker(worker);
-    while (WorkItem* item = next_item(worker))
+    while (WorkItem* item = take_item(worker))
         run(item);
     leave_library_thread(g_OsalNumWorkItemThreads);
 }
