@@ -2,10 +2,8 @@
 // thread follows, and what a fork child finds.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -14,6 +12,7 @@
 
 #include "osal/internal/atomics.h"
 #include "osal/linux/internal/locale.h"
+#include "support/fork.h"
 #include "support/recorders.h"
 #include "support/schedule.h"
 #include "support/service_test.h"
@@ -411,18 +410,6 @@ TEST_F(SteppedClock, ATimerThatRearmsItselfEachTickFiresInEveryTickOfAForwardSte
 }
 
 // --- fork
-
-// Runs a function in a fork child; true if it returned true there within a minute.
-template <class Function>
-bool holds_in_child(Function function) {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(60);
-        _exit(function() ? 0 : 1);
-    }
-    int status = -1;
-    return waitpid(child, &status, 0) == child && status == 0;
-}
 
 class ForkChild : public ServiceTest {};
 
