@@ -16,13 +16,15 @@ KCSTATUS fail(UINT32 code, const char* function, UINT32 line) {
     return kObjectModule.fail(code, function, line);
 }
 
-// Null: no such slot, or its object is not the one named.
+// Null: no such slot, or its object is not the one named. A deallocated object that is on its way
+// back is none either: a reference taken now would outlive its generation.
 pObject resolve(pObjectInfo oi, UINT32 handle) {
     const UINT32 number = handle_slot(handle);
     pBlockHeader bh = find_block(oi->index, handle_block(handle));
     if (bh == nullptr || number == 0 || number > oi->objectsPerBlock) return nullptr;
     pObject ob = slot_of(oi, bh, number);
-    return handle_of(ob) == handle && !has(ob, OBJ_FLAG_FREE | OBJ_FLAG_DELETED) ? ob : nullptr;
+    const bool named = handle_of(ob) == handle && !has(ob, OBJ_FLAG_FREE | OBJ_FLAG_DELETED);
+    return named && (ob->marks & kHandedOver) == 0 ? ob : nullptr;
 }
 
 // An object that is being ended will never be ready.

@@ -91,13 +91,6 @@ BOOLEAN FreeBlock(pObjectInfo oi, pBlockHeader bh) {
 
 namespace osal {
 
-void change_flags(pObject ob, UINT8 cleared, UINT8 set) {
-    std::atomic_ref<UINT8> flags(ob->flags);
-    UINT8 old = flags.load(std::memory_order_relaxed);
-    while (!flags.compare_exchange_weak(old, static_cast<UINT8>((old & ~cleared) | set)))
-        ;
-}
-
 UINT32 make_object_lock(pObjectInfo oi, pObject ob) {
     HANDLE handle = nullptr;
     KCSTATUS status;

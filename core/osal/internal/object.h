@@ -259,7 +259,12 @@ inline bool has(pObject ob, UINT8 flags) {
 }
 inline constexpr UINT8 kEndingFlags = OBJ_FLAG_DELETED | OBJ_FLAG_DEALLOCATED;
 
-void change_flags(pObject ob, UINT8 cleared, UINT8 set);
+inline void change_flags(pObject ob, UINT8 cleared, UINT8 set) {
+    std::atomic_ref<UINT8> flags(ob->flags);
+    UINT8 old = flags.load(std::memory_order_relaxed);
+    while (!flags.compare_exchange_weak(old, static_cast<UINT8>((old & ~cleared) | set)))
+        ;
+}
 
 // Marks.
 inline constexpr UINT8 kHandedOver = 0x01;  // FreeObject has it: queued or being freed
