@@ -55,6 +55,7 @@ inline void pass_run(FromWide& at, const Stops& stops) {
 
 // Writes the bytes of one unit, which is taken, too.
 inline Step append(FromWide& at, const UCHAR* bytes, std::size_t size) {
+    // Contract: reaching the capacity fails, also with the last unit.
     if (size >= at.room()) return Step::kFailed;
     std::memcpy(at.out, bytes, size);
     at.out += size;
