@@ -34,6 +34,7 @@ function(osal_shared_library target)
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/identifiers.h
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/slots_iosal.h
             -imacros ${CMAKE_SOURCE_DIR}/include/osal/slots_iom.h
+            -imacros ${CMAKE_SOURCE_DIR}/include/osal/slots_iscom.h
             ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} -o ${map}
     DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_MAP} DEPFILE ${map}.d
     COMMENT "Linker map of ${target}" VERBATIM)

@@ -1,8 +1,9 @@
-// The class factory of the object managers, and their interface tables.
+// The class factory of both kinds of object managers, and their interface tables.
 //
 // Locks: none. The first creation fills the tables, which are zero before; a creation beside it
 // waits until that is done.
 #include "osal/internal/object.h"
+#include "osal/internal/scobject.h"
 
 using namespace osal;
 
@@ -30,6 +31,8 @@ constexpr Module kModule{KC_FACILITY_OBJECT, "../factory"};
 #define OSAL_TABLE_ENTRY(number, field, function, ...) .field = function,
 constexpr IOMVtbl kTable = {KX_IOM_SLOTS(OSAL_TABLE_ENTRY)};
 constexpr IOM_2Vtbl kTable2 = {KX_IOM_2_SLOTS(OSAL_TABLE_ENTRY)};
+constexpr ISCOMVtbl kContextTable = {KX_ISCOM_SLOTS(OSAL_TABLE_ENTRY)};
+constexpr ISCOM_2Vtbl kContextTable2 = {KX_ISCOM_2_SLOTS(OSAL_TABLE_ENTRY)};
 
 #define OSAL_TABLE_OFFSET(number, field, ...) \
     static_assert(offsetof(Table, field) == (number) * sizeof(void*));
@@ -43,6 +46,16 @@ using Table = IOM_2Vtbl;
 KX_IOM_2_SLOTS(OSAL_TABLE_OFFSET)
 static_assert(sizeof(Table) == KX_IOM_2_SLOT_COUNT * sizeof(void*));
 }  // namespace second
+namespace context_first {
+using Table = ISCOMVtbl;
+KX_ISCOM_SLOTS(OSAL_TABLE_OFFSET)
+static_assert(sizeof(Table) == KX_ISCOM_SLOT_COUNT * sizeof(void*));
+}  // namespace context_first
+namespace context_second {
+using Table = ISCOM_2Vtbl;
+KX_ISCOM_2_SLOTS(OSAL_TABLE_OFFSET)
+static_assert(sizeof(Table) == KX_ISCOM_2_SLOT_COUNT * sizeof(void*));
+}  // namespace context_second
 
 constinit UINT32 fillers = 0;  // threads that came to fill the tables; atomic
 
@@ -56,20 +69,26 @@ void fill_tables() {
     if (increment(fillers) == 1) {
         vtObject = kTable;
         vtObject_2 = kTable2;
+        vtSCObject = kContextTable;
+        vtSCObject_2 = kContextTable2;
         store(vtInitialized, TRUE);
     }
     while (!load(vtInitialized))
         service<&IOsalVtbl::KxSleep>(pIOsal, UINT64{0});
 }
 
-// A zeroed record that answers to the interface asked for, or an error.
-KCSTATUS make_object_manager(const GUID* pIId, void** ppInterface) {
-    constexpr UINT32 size = sizeof(ObjectInfo);
+using QueryInterface = KCSTATUS (*)(PVOID pThis, const GUID* pIId, void** ppInterface);
+
+// A zeroed record that answers to the interface asked for, or an error, which is reported at the
+// line given.
+template <class Record>
+KCSTATUS make_manager(QueryInterface query, UINT32 line, const GUID* pIId, void** ppInterface) {
+    constexpr UINT32 size = sizeof(Record);
     PVOID record = service<&IOsalVtbl::KxAllocNonPagedMemory>(pIOsal, size);
     if (record == nullptr)
-        return kModule.fail(KC_CODE_NO_RESOURCES, "OMFactoryCreateInstance", 351);
+        return kModule.fail(KC_CODE_NO_RESOURCES, "OMFactoryCreateInstance", line);
     service<&IOsalVtbl::KxZeroMemory>(pIOsal, record, size);
-    const KCSTATUS status = ObjectQueryInterface(record, pIId, ppInterface);
+    const KCSTATUS status = query(record, pIId, ppInterface);
     if (is_error(status)) service<&IOsalVtbl::KxFreeMemory>(pIOsal, record);
     return status;
 }
@@ -114,7 +133,9 @@ KCSTATUS OMFactoryCreateInstance(LCM_IClassFactory*, void* pUnkOuter, const GUID
     *ppInterface = nullptr;
     fill_tables();
     if (*pIId == IID_IObjectManager_1 || *pIId == IID_IObjectManager_2)
-        return make_object_manager(pIId, ppInterface);
+        return make_manager<ObjectInfo>(ObjectQueryInterface, 351, pIId, ppInterface);
+    if (*pIId == IID_ISCObjectManager_1 || *pIId == IID_ISCObjectManager_2)
+        return make_manager<_SCObjectInfo>(SCObjectQueryInterface, 375, pIId, ppInterface);
     return kModule.fail(KC_CODE_UNSUPPORTED, "OMFactoryCreateInstance", 382);
 }
 

@@ -9,6 +9,7 @@
 #include "osal/identifiers.h"
 #include "osal/iom.h"
 #include "osal/iosal.h"
+#include "osal/iscom.h"
 #include "osal/list.h"
 #include "osal/lock.h"
 #include "osal/memory.h"
