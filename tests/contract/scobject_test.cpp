@@ -60,6 +60,8 @@ class SecurityContexts : public ServiceTest {
         manager_ = make(&IID_ISCObjectManager_1);
     }
     ~SecurityContexts() override {
+        for (PVOID object : kept_)
+            SCObjectDereference(manager_, object, 0);
         if (manager_ != nullptr) manager_->lpVtbl->Release(manager_);
         EXPECT_EQ(stand_in_.referenced(), 0) << "an attribute stays referenced";
         EXPECT_EQ(stand_in_.manager_references(), 0);
@@ -92,14 +94,17 @@ class SecurityContexts : public ServiceTest {
     }
     KCSTATUS create(SCHANDLE where, UINT32 number, PVOID* object, UINT32 create_access = 0,
                     UINT32 open_access = 0, PUINT32 opened = nullptr) {
-        return manager_->lpVtbl->CreateObject(manager_, where, &number, set_number, &number,
-                                              has_number, 0, create_access, open_access, object,
-                                              opened);
+        const KCSTATUS status = manager_->lpVtbl->CreateObject(
+            manager_, where, &number, set_number, &number, has_number, 0, create_access,
+            open_access, object, opened);
+        if (!KC_IS_ERROR(status)) kept_.push_back(*object);
+        return status;
     }
     // An object that is there without a reference of anybody's.
     ClientData* created(SCHANDLE where, UINT32 number) {
         PVOID object = nullptr;
         EXPECT_EQ(create(where, number, &object), KC_OK);
+        kept_.pop_back();
         EXPECT_EQ(manager_->lpVtbl->DereferenceObject(manager_, object, 0), KC_OK);
         stand_in_.take_calls();
         return static_cast<ClientData*>(object);
@@ -119,6 +124,7 @@ class SecurityContexts : public ServiceTest {
     AttributeStandIn stand_in_;
     StatusRecorder statuses_;
     ISCOM* manager_;
+    std::vector<PVOID> kept_;  // referenced objects, given back at the end
 };
 
 #define EXPECT_CALLS(...) EXPECT_EQ(stand_in_.take_calls(), (Calls{__VA_ARGS__}))
@@ -429,6 +435,7 @@ TEST_F(SecurityContexts, WithoutACompareRoutineCreationFindsNothing) {
                                                  nullptr, 0, 0, 0, object, nullptr),
                   KC_OK);
     EXPECT_NE(first, second);
+    kept_ = {first, second};
 }
 
 TEST_F(SecurityContexts, AnObjectKnowsItsContext) {
@@ -547,11 +554,12 @@ TEST_F(SecurityContexts, FindTakesTheFirstObjectThatMatches) {
     EXPECT_EQ(manager_->lpVtbl->FindObject(manager_, kFirst, nullptr, nullptr, 0, 0, &object),
               KC_OK);
     EXPECT_EQ(object, first);
+    kept_.push_back(object);
     EXPECT_CALLS("SAReference(1:1,2)", "FindObject(0)", "SADereference(1:1,2)");
     EXPECT_EQ(manager_->lpVtbl->FindObject(manager_, kFirst, &number, has_number, 0, 2, &object),
               KC_OK);
     EXPECT_EQ(object, second);
-    manager_->lpVtbl->ReleaseObject(manager_, object);
+    manager_->lpVtbl->DereferenceObject(manager_, object, 2);
     number = 3;
     stand_in_.take_calls();
     EXPECT_EQ(manager_->lpVtbl->FindObject(manager_, kFirst, &number, has_number, 0, 2, &object),
@@ -568,9 +576,11 @@ TEST_F(SecurityContexts, EnumerationOfOneContextEndsWithCodeNine) {
     std::vector<UINT32> numbers;
     PVOID object = nullptr;
     KCSTATUS status;
-    while (!KC_IS_ERROR(status = manager_->lpVtbl->EnumerateObjects(manager_, kFirst, &scan,
-                                                                    nullptr, nullptr, 0, &object)))
+    while (!KC_IS_ERROR(status = manager_->lpVtbl->EnumerateObjects(
+                            manager_, kFirst, &scan, nullptr, nullptr, 0, &object))) {
         numbers.push_back(static_cast<ClientData*>(object)->number);
+        kept_.push_back(object);
+    }
     EXPECT_EQ(status, object_error(9));
     EXPECT_EQ(numbers, (std::vector<UINT32>{1, 2}));
     statuses_.expect_none();
@@ -610,12 +620,14 @@ TEST_F(SecurityContexts, TheWildcardScanReferencesTheContextUnderWayAgain) {
               KC_OK);
     EXPECT_CALLS("SAEnumerate(2)", "EnumerateObjects(0)", "SADereference(1:1,2)");
     EXPECT_EQ(scan.hLastSC.hId, kFirst.hId);
+    kept_.push_back(object);
     ASSERT_EQ(second->lpVtbl->EnumerateObjects(second, kEveryContext, &scan, nullptr, nullptr, 0,
                                                &object),
               KC_OK);
     EXPECT_CALLS("SAReference(1:1,2)", "EnumerateObjects(0)", "SADereference(1:1,2)",
                  "SAEnumerate(2)", "EnumerateObjects(0)", "SADereference(1:2,2)");
     EXPECT_EQ(static_cast<ClientData*>(object)->number, 2u);
+    kept_.push_back(object);
 }
 
 TEST_F(SecurityContexts, TheWildcardScanReturnsErrorsAsTheyAre) {
