@@ -29,7 +29,6 @@ constexpr UINT32 kRecordSize = 24;      // of both information records, one unit
 constexpr UINT32 kKeyNameReserve = 25;  // bytes of Length that are not room for a name
 constexpr UINT32 kValueNameSize = 256;  // of the buffer for a name that is set
 constexpr WCHAR kDefaultName[] = {'d', 'e', 'f', 'a', 'u', 'l', 't', 0};
-constexpr UINT32 kNameAt = offsetof(KX_KEY_VALUE_INFORMATION, KeyValueName);
 static_assert(kRootSize + kPathRoom + 1 == sizeof(_OSAL_CONFIG_KEY::KeyName));
 static_assert(sizeof(KX_KEY_INFORMATION) == kRecordSize);
 static_assert(sizeof(KX_KEY_VALUE_INFORMATION) == kRecordSize);

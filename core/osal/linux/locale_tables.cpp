@@ -200,7 +200,7 @@ bool same_in_part(const CHAR* page, UINT32 high, const Block& block) {
 void add_rules(UINT32 (&forward)[kEntries]) {
     for (UCHAR separator : kSeparators)
         forward[separator] = separator;
-    forward['['] = PageTables::kEscapeStart;
+    forward[UCHAR{'['}] = PageTables::kEscapeStart;
     forward[kEuroByte] = PageTables::kMaybeEuro;
 }
 
