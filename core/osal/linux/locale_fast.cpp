@@ -14,6 +14,23 @@ namespace {
 // Characters that go by the tables before a run is tried again.
 constexpr std::size_t kBatch = 16;
 
+// Takes a batch of bytes at once, as long as each is a unit. Nothing is written of a batch with one
+// that is not: it may end the text in fewer units, and what lies behind them is the caller's.
+void pass_unit_batches(const PageTables& tables, ToWide& at) {
+    while (std::min(at.left(), at.room()) >= kBatch) {
+        WCHAR units[kBatch];
+        UINT32 entries = 0;
+        for (std::size_t i = 0; i < kBatch; ++i) {
+            const UINT32 entry = tables.forward[at.in[i]];
+            entries |= entry;
+            units[i] = static_cast<WCHAR>(entry);
+        }
+        if (entries >= PageTables::kUnits) return;
+        std::memcpy(at.out, units, sizeof units);
+        at.advance(kBatch);
+    }
+}
+
 // Takes up to count characters of one or two bytes, which are there with room for their units.
 // Stops before one that the tables do not have.
 void pass_units(const PageTables& tables, ToWide& at, std::size_t count) {
@@ -77,6 +94,22 @@ UINT16 entry_of(const PageTables& tables, WCHAR unit) {
     return tables.back[unit >> 8].load(std::memory_order_acquire)->entries[unit & 0xFF];
 }
 
+// Takes a batch of units at once, as long as each is a byte.
+void pass_byte_batches(const PageTables& tables, FromWide& at) {
+    while (at.left() >= kBatch && at.room() > kBatch) {
+        UCHAR bytes[kBatch];
+        UINT32 entries = 0;
+        for (std::size_t i = 0; i < kBatch; ++i) {
+            const UINT32 entry = entry_of(tables, at.in[i]);
+            entries |= entry;
+            bytes[i] = static_cast<UCHAR>(entry);
+        }
+        if (entries >= 0x100) return;
+        std::memcpy(at.out, bytes, sizeof bytes);
+        at.advance(kBatch);
+    }
+}
+
 // Takes up to count units, which are there with room for two bytes each. Stops before one that the
 // tables do not have.
 void pass_bytes(const PageTables& tables, FromWide& at, std::size_t count) {
@@ -111,6 +144,7 @@ Outcome page_to_wide(const PageTables& tables, bool supports_euro, const CHAR* i
     const Stops stops('[', tables.odd_byte);
     while (at.in != at.in_end) {
         if (tables.widens_ascii) pass_run(at, stops);
+        if (tables.is_single_byte) pass_unit_batches(tables, at);
         pass_units(tables, at, std::min({at.left() / 2, at.room(), kBatch}));
         if (at.in == at.in_end) break;
         const Step step = pass_unit(tables, supports_euro, at);
@@ -126,6 +160,7 @@ Outcome wide_to_page(const PageTables& tables, const WCHAR* in, UINT32 length, C
     const Stops stops(tables.odd_unit);
     while (at.in != at.in_end) {
         if (tables.narrows_ascii) pass_run(at, stops);
+        if (tables.is_single_byte) pass_byte_batches(tables, at);
         if (at.room() > 0)
             pass_bytes(tables, at, std::min({at.left(), (at.room() - 1) / 2, kBatch}));
         if (at.in == at.in_end) break;

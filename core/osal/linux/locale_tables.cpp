@@ -235,6 +235,7 @@ PageTables* new_tables(const CHAR* page, const UINT32 (&forward)[kEntries]) {
     if (memory == nullptr) return nullptr;
     auto* tables = new (memory) PageTables{};
     tables->name = page;
+    tables->is_single_byte = count_leads(forward) == 0;
     memcpy(tables->forward, forward, sizeof forward);
     for (auto& block : tables->back)
         block.store(&kUnknown, std::memory_order_relaxed);

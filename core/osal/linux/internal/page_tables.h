@@ -33,6 +33,7 @@ struct PageTables {
     const CHAR* name;
     UINT32 forward[256];  // by first byte
     UINT32 euro_byte;     // entry of kEuroByte as a byte like any other
+    bool is_single_byte;  // no byte is a lead byte
     bool widens_ascii;    // ASCII bytes are their units, but for odd_byte and the bracket
     bool narrows_ascii;   // ASCII units are their bytes, but for odd_unit
     UCHAR odd_byte;       // 0xFF: none
