@@ -62,6 +62,12 @@ Client::~Client() {
     call<&IOsalVtbl::Release>();
 }
 
+UINT64 now_100ns(const Client& client) {
+    UINT64 now = 0;
+    client.call<&IOsalVtbl::KxGetSystemTime>(&now);
+    return now;
+}
+
 std::string Client::leftovers() const {
     UINT32 size = 0;
     call<&IOsalVtbl::KxGetGeneralOsalStatistics>(&size, PVOID{nullptr});

@@ -47,6 +47,9 @@ class Client {
     std::string name_;
 };
 
+// The time in the library's units of 100 ns.
+UINT64 now_100ns(const Client& client);
+
 // Pool memory as a standard allocator.
 template <class T>
 struct PoolAllocator {

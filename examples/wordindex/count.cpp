@@ -71,14 +71,17 @@ class Splitter {
 
 }  // namespace
 
-int count_file(const Client& client, const std::string& path, WordTable& table, Totals& totals) {
+int count_file(const Client& client, const std::string& path, WordTable& table, Totals& totals,
+               const std::function<bool(std::size_t)>& go_on) {
     File file(path);
     if (!file.is_open()) return errno;
     std::vector<char, PoolAllocator<char>> chunk(kChunk, PoolAllocator<char>(client));
     Splitter splitter(client, table, totals);
     ssize_t got;
-    while ((got = file.read_into(chunk.data(), chunk.size())) > 0)
+    while ((got = file.read_into(chunk.data(), chunk.size())) > 0) {
         splitter.feed(chunk.data(), static_cast<std::size_t>(got));
+        if (!go_on(static_cast<std::size_t>(got))) return ECANCELED;
+    }
     if (got < 0) return errno;
     splitter.finish();
     ++totals.files;

@@ -1,6 +1,7 @@
 // Counting the words of files.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "word_table.h"
@@ -20,8 +21,10 @@ struct Totals {
     }
 };
 
-// Counts one file into an empty table. Returns 0, or the errno value of what could not be opened or
-// read; table and totals then hold what came before and should be dropped.
-int count_file(const Client& client, const std::string& path, WordTable& table, Totals& totals);
+// Counts one file into an empty table. Reports each piece read to `go_on`, which may end the count
+// by returning false. Returns 0, the errno value of what could not be opened or read, or ECANCELED;
+// unless 0, table and totals hold what came before and should be dropped.
+int count_file(const Client& client, const std::string& path, WordTable& table, Totals& totals,
+               const std::function<bool(std::size_t bytes)>& go_on);
 
 }  // namespace wordindex

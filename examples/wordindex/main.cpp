@@ -3,49 +3,50 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
-#include "count.h"
+#include <optional>
+
+#include "interrupt.h"
+#include "job.h"
 #include "options.h"
+#include "progress_bar.h"
 #include "report.h"
 #include "walk.h"
 
 namespace wordindex {
 namespace {
 
-UINT64 now_100ns(const Client& client) {
-    UINT64 now = 0;
-    client.call<&IOsalVtbl::KxGetSystemTime>(&now);
-    return now;
+void count(const Client& client, Job& job, bool with_progress) {
+    std::optional<ProgressBar> bar;
+    if (with_progress) bar.emplace(client, job);
+    job.run();
 }
 
-void count_files(const Client& client, const std::vector<std::string>& files, WordTable& table,
-                 Totals& totals, std::vector<Unreadable>& unreadable) {
-    for (const std::string& path : files) {
-        WordTable words(client, table.buckets());
-        Totals of_file;
-        if (const int error = count_file(client, path, words, of_file)) {
-            unreadable.push_back({path, error});
-            continue;
-        }
-        table.absorb(words);
-        totals += of_file;
-    }
+void complain(const std::vector<Unreadable>& unreadable) {
+    for (const auto& [path, error] : unreadable)
+        fprintf(stderr, "wordindex: %s: %s\n", path.c_str(), strerror(error));
 }
 
 int index_folder(const Client& client, const Options& options) {
     const UINT64 start = now_100ns(client);
-    std::vector<Unreadable> unreadable;
-    WordTable table(client, options.buckets);
-    Totals totals;
-    count_files(client, find_files(options.folder, unreadable), table, totals, unreadable);
-    if (!print_report(options, totals, table, now_100ns(client) - start))
+    std::vector<Unreadable> folders;
+    Job job(client, find_files(options.folder, folders), options.buckets);
+    count(client, job, isatty(STDERR_FILENO) && !options.machine_readable);
+    if (!print_report(options, job.totals(), job.table(), now_100ns(client) - start))
         throw Failure(std::string("cannot write the result: ") + strerror(errno));
-    for (const auto& [path, error] : unreadable)
-        fprintf(stderr, "wordindex: %s: %s\n", path.c_str(), strerror(error));
-    return unreadable.empty() ? kDone : kSomeUnreadable;
+    complain(folders);
+    complain(job.unreadable());
+    if (interrupted()) {
+        fprintf(stderr, "wordindex: interrupted: %zu of %zu files are counted\n",
+                std::size_t(job.totals().files), std::size_t(job.progress().all_files));
+        return kInterrupted;
+    }
+    return folders.empty() && job.unreadable().empty() ? kDone : kSomeUnreadable;
 }
 
 int run(const Options& options) {
+    catch_interrupt();
     const Client client("wordindex");
     const int exit_code = index_folder(client, options);
     if (const std::string left = client.leftovers(); !left.empty())

@@ -13,7 +13,9 @@ constexpr const char* kPurpose =
 constexpr const char* kExitCodes =
     "\nExit status: 0 all counted; 1 some files or folders could not be read, the rest was "
     "counted;\n"
-    "2 bad command line or no such folder; 3 the library or the output failed.";
+    "2 bad command line or no such folder; 3 the library or the output failed; 130 ended by "
+    "Ctrl-C, the files counted\n"
+    "until then are reported.";
 
 constexpr UINT32 kMostBuckets = 1u << 24;
 

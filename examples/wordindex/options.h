@@ -19,6 +19,7 @@ enum ExitCode {
     kDone = 0,
     kSomeUnreadable = 1,  // the rest was counted and printed
     kUsage = 2,           // bad command line, or no such folder
+    kInterrupted = 130,   // by Ctrl-C; what was counted until then was printed
     kLibrary = 3,         // osal.so cannot be reached or failed, or the output did
 };
 

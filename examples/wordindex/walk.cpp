@@ -33,9 +33,8 @@ class Names {
 
 }  // namespace
 
-std::vector<std::string> find_files(const std::string& folder,
-                                    std::vector<Unreadable>& unreadable) {
-    std::vector<std::string> files;
+std::vector<FoundFile> find_files(const std::string& folder, std::vector<Unreadable>& unreadable) {
+    std::vector<FoundFile> files;
     Names names;
     std::string root = folder;
     char* roots[] = {root.data(), nullptr};
@@ -48,7 +47,8 @@ std::vector<std::string> find_files(const std::string& folder,
     while (const FTSENT* entry = fts_read(walk.get()))
         switch (entry->fts_info) {
             case FTS_F:
-                if (names.is_first(*entry->fts_statp)) files.emplace_back(entry->fts_path);
+                if (names.is_first(*entry->fts_statp))
+                    files.push_back({entry->fts_path, uint64_t(entry->fts_statp->st_size)});
                 break;
             case FTS_DNR:
             case FTS_ERR:

@@ -1,10 +1,17 @@
 // Finding the files of a folder.
 #pragma once
 
+#include <stdint.h>
+
 #include <string>
 #include <vector>
 
 namespace wordindex {
+
+struct FoundFile {
+    std::string path;
+    uint64_t bytes;  // when it was found
+};
 
 // A file or folder that could not be read, and why (an errno value).
 struct Unreadable {
@@ -15,6 +22,6 @@ struct Unreadable {
 // All regular files below a folder, by name within each folder. Symbolic links are not followed,
 // but for `folder` itself; a file with several names is found once. Folders that cannot be read are
 // added to `unreadable`.
-std::vector<std::string> find_files(const std::string& folder, std::vector<Unreadable>& unreadable);
+std::vector<FoundFile> find_files(const std::string& folder, std::vector<Unreadable>& unreadable);
 
 }  // namespace wordindex
