@@ -3,8 +3,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <wctype.h>
 
-#include <array>
+#include <algorithm>
 
 namespace wordindex {
 namespace {
@@ -33,50 +34,92 @@ class File {
     const int file_;
 };
 
-// The lower-case form of each ASCII letter; 0 for every other byte.
-constexpr auto kLetters = [] {
-    std::array<char, 256> letters{};
-    for (int letter = 'a'; letter <= 'z'; ++letter)
-        letters[letter] = letters[letter - 'a' + 'A'] = static_cast<char>(letter);
-    return letters;
-}();
+constexpr bool is_ascii_letter(WCHAR unit) {
+    return (unit >= 'a' && unit <= 'z') || (unit >= 'A' && unit <= 'Z');
+}
 
-// Cuts a stream of bytes into words, also those that two chunks share.
+bool is_letter(WCHAR unit) {
+    return unit < 0x80 ? is_ascii_letter(unit) : iswalpha(unit) != 0;
+}
+
+// Cuts a stream of bytes into pieces and those into words, also where two chunks share one.
 class Splitter {
   public:
-    Splitter(const Client& client, WordTable& table, Totals& totals)
-        : table_(table), totals_(totals), word_(PoolAllocator<char>(client)) {}
+    Splitter(const Client& client, Encoding encoding, WordTable& table, Totals& totals)
+        : client_(client),
+          encoding_(encoding),
+          table_(table),
+          totals_(totals),
+          piece_(PoolAllocator<char>(client)),
+          text_(PoolAllocator<WCHAR>(client)) {}
 
     void feed(const char* bytes, std::size_t size) {
         totals_.bytes += size;
         for (std::size_t i = 0; i < size; ++i)
-            if (const char letter = kLetters[static_cast<unsigned char>(bytes[i])])
-                word_.push_back(letter);
+            if (static_cast<unsigned char>(bytes[i]) > ' ')
+                piece_.push_back(bytes[i]);
             else
                 finish();
     }
     void finish() {
-        if (word_.empty()) return;
-        ++totals_.words;
-        word_.push_back('\0');
-        table_.add({word_.data(), word_.size() - 1});
-        word_.clear();
+        if (piece_.empty()) return;
+        if (!convert()) take_ascii_letters();
+        add_words();
+        piece_.clear();
     }
 
   private:
+    // Makes text of the piece, ended by a zero. A character takes at least one byte.
+    bool convert() {
+        if (piece_.size() > INT32_MAX) throw std::bad_alloc();
+        text_.resize(piece_.size() + 1);
+        UINT32 length = static_cast<UINT32>(text_.size());
+        const KCSTATUS status = client_.call<&IOsalVtbl::KxMultiByteToWideChar>(
+            static_cast<UINT32>(encoding_), static_cast<const CHAR*>(piece_.data()),
+            static_cast<INT32>(piece_.size()), text_.data(), &length);
+        if (KC_IS_ERROR(status)) return false;
+        text_.resize(length + 1);
+        return true;
+    }
+    void take_ascii_letters() {
+        text_.assign(piece_.size() + 1, 0);
+        for (std::size_t i = 0; i < piece_.size(); ++i)
+            if (is_ascii_letter(static_cast<unsigned char>(piece_[i])))
+                text_[i] = static_cast<WCHAR>(piece_[i]);
+    }
+    void add_words() {
+        const auto end = text_.end() - 1;
+        for (auto word = text_.begin(); word != end;) {
+            word = std::find_if(word, end, is_letter);
+            const auto behind = std::find_if_not(word, end, is_letter);
+            if (word != behind) add({&*word, static_cast<std::size_t>(behind - word)}, &*behind);
+            word = behind;
+        }
+    }
+    void add(WideText word, WCHAR* behind) {
+        *behind = 0;
+        client_.call<&IOsalVtbl::KxCharUpperBuff>(static_cast<UINT32>(word.size()),
+                                                  const_cast<PWCHAR>(word.data()));
+        table_.add(word);
+        ++totals_.words;
+    }
+
+    const Client& client_;
+    const Encoding encoding_;
     WordTable& table_;
     Totals& totals_;
-    std::vector<char, PoolAllocator<char>> word_;
+    std::vector<char, PoolAllocator<char>> piece_;
+    std::vector<WCHAR, PoolAllocator<WCHAR>> text_;
 };
 
 }  // namespace
 
-int count_file(const Client& client, const std::string& path, WordTable& table, Totals& totals,
-               const std::function<bool(std::size_t)>& go_on) {
+int count_file(const Client& client, const std::string& path, Encoding encoding, WordTable& table,
+               Totals& totals, const std::function<bool(std::size_t)>& go_on) {
     File file(path);
     if (!file.is_open()) return errno;
     std::vector<char, PoolAllocator<char>> chunk(kChunk, PoolAllocator<char>(client));
-    Splitter splitter(client, table, totals);
+    Splitter splitter(client, encoding, table, totals);
     ssize_t got;
     while ((got = file.read_into(chunk.data(), chunk.size())) > 0) {
         splitter.feed(chunk.data(), static_cast<std::size_t>(got));

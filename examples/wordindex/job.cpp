@@ -13,13 +13,14 @@ namespace wordindex {
 Job::Task::Task(Job& owner, const FoundFile& found)
     : job(owner), file(found), item(owner.client_, &Job::routine, this) {}
 
-Job::Job(const Client& client, std::vector<FoundFile> files, UINT32 buckets)
+Job::Job(const Client& client, std::vector<FoundFile> files, const Options& options)
     : client_(client),
       files_(std::move(files)),
+      encoding_(options.encoding),
       tasks_left_(static_cast<UINT32>(files_.size())),
       all_done_(client),
       lock_(client),
-      table_(client, buckets) {
+      table_(client, options.buckets) {
     progress_.all_files = files_.size();
     for (const FoundFile& file : files_)
         progress_.all_bytes += file.bytes;
@@ -61,7 +62,7 @@ void Job::count(const FoundFile& file) {
     if (!advance(0)) return;
     WordTable words(client_, table_.buckets());
     Totals of_file;
-    const int error = count_file(client_, file.path, words, of_file,
+    const int error = count_file(client_, file.path, encoding_, words, of_file,
                                  [this](std::size_t bytes) { return advance(bytes); });
     WriteAccess access(lock_);
     ++progress_.files;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "count.h"
+#include "options.h"
 #include "resources.h"
 #include "walk.h"
 
@@ -23,7 +24,7 @@ struct Progress {
 
 class Job {
   public:
-    Job(const Client& client, std::vector<FoundFile> files, UINT32 buckets);
+    Job(const Client& client, std::vector<FoundFile> files, const Options& options);
 
     // Counts all files, or as many as were counted until Ctrl-C. To be called once.
     void run();
@@ -53,6 +54,7 @@ class Job {
 
     const Client& client_;
     const std::vector<FoundFile> files_;
+    const Encoding encoding_;
     UINT32 tasks_left_;  // changed by interlocked operations
     Event all_done_;
 

@@ -31,9 +31,9 @@ void complain(const std::vector<Unreadable>& unreadable) {
 int index_folder(const Client& client, const Options& options) {
     const UINT64 start = now_100ns(client);
     std::vector<Unreadable> folders;
-    Job job(client, find_files(options.folder, folders), options.buckets);
+    Job job(client, find_files(options.folder, folders), options);
     count(client, job, isatty(STDERR_FILENO) && !options.machine_readable);
-    if (!print_report(options, job.totals(), job.table(), now_100ns(client) - start))
+    if (!print_report(client, options, job.totals(), job.table(), now_100ns(client) - start))
         throw Failure(std::string("cannot write the result: ") + strerror(errno));
     complain(folders);
     complain(job.unreadable());

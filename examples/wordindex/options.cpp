@@ -1,14 +1,17 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <map>
+#include <string>
 
 namespace wordindex {
 namespace {
 
 constexpr const char* kPurpose =
     "Counts the words of all files below a folder and prints the most frequent ones.\n"
-    "A word is a run of ASCII letters; case does not count. Symbolic links below the folder are\n"
-    "not followed, and a file with several names counts once.\n";
+    "A word is a run of letters, as the locale has them; case does not count. Symbolic links "
+    "below\n"
+    "the folder are not followed, and a file with several names counts once.\n";
 
 constexpr const char* kExitCodes =
     "\nExit status: 0 all counted; 1 some files or folders could not be read, the rest was "
@@ -31,6 +34,11 @@ bool read_options(int argc, char** argv, Options& options, int* exit_code) {
     app.add_option("-b,--buckets", options.buckets, "Hash buckets of the word table")
         ->check(CLI::Range(1u, kMostBuckets))
         ->capture_default_str();
+    app.add_option("-e,--encoding", options.encoding,
+                   "Encoding of the files: utf-8, or oem for the code page of the locale")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, Encoding>{{"utf-8", Encoding::kUtf8}, {"oem", Encoding::kOem}}))
+        ->default_str("utf-8");
     app.add_flag("-m,--machine-readable", options.machine_readable,
                  "Print \"name<TAB>number\" lines for the totals, an empty line, and\n"
                  "\"count<TAB>word\" lines");

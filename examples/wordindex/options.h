@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "osal/types.h"
+#include "count.h"
 
 namespace wordindex {
 
@@ -11,6 +11,7 @@ struct Options {
     std::string folder = "/usr/share/common-licenses";
     UINT32 top = 20;  // 0: all
     UINT32 buckets = 1021;
+    Encoding encoding = Encoding::kUtf8;
     bool machine_readable = false;
 };
 

@@ -14,7 +14,7 @@ WordTable::~WordTable() {
             client_.call<&IOsalVtbl::KxFreeMemory>(Word::of(entry));
 }
 
-void WordTable::add(std::string_view word) {
+void WordTable::add(WideText word) {
     const PLIST_ENTRY bucket = bucket_of(word.data());
     if (Word* known = find(bucket, word)) {
         ++known->count;
@@ -40,24 +40,25 @@ std::vector<const Word*> WordTable::words() const {
     return all;
 }
 
-PLIST_ENTRY WordTable::bucket_of(const char* text) {
-    return &buckets_[client_.call<&IOsalVtbl::KxStrHash>(text, UINT32(buckets_.size()))];
+PLIST_ENTRY WordTable::bucket_of(const WCHAR* text) {
+    return &buckets_[client_.call<&IOsalVtbl::KxStrHashW>(text, UINT32(buckets_.size()))];
 }
 
-Word* WordTable::find(PLIST_ENTRY bucket, std::string_view word) {
+Word* WordTable::find(PLIST_ENTRY bucket, WideText word) {
     for (PLIST_ENTRY entry = bucket->Flink; entry != bucket; entry = entry->Flink)
         if (Word::of(entry)->view() == word) return Word::of(entry);
     return nullptr;
 }
 
-Word* WordTable::make(std::string_view text) {
-    const std::size_t size = sizeof(Word) + text.size() + 1;
+Word* WordTable::make(WideText text) {
+    const std::size_t text_size = (text.size() + 1) * sizeof(WCHAR);
+    const std::size_t size = sizeof(Word) + text_size;
     void* block = nullptr;
     if (size <= UINT32_MAX) block = client_.call<&IOsalVtbl::KxAllocPagedMemory>(UINT32(size));
     if (block == nullptr) throw std::bad_alloc();
     Word* word = new (block) Word{{}, 1, UINT32(text.size())};
     client_.call<&IOsalVtbl::KxCopyMemory>(
-        PVOID{word->text()}, static_cast<const void*>(text.data()), UINT32(text.size() + 1));
+        PVOID{word->text()}, static_cast<const void*>(text.data()), UINT32(text_size));
     return word;
 }
 

@@ -1,7 +1,7 @@
 // Words and how often each occurred.
 //
-// A word is a maximal run of ASCII letters, in lower case. Words lie in pool memory, linked into
-// hash buckets. A table is used by one thread at a time.
+// Words are upper-cased 16-bit text. They lie in pool memory, linked into hash buckets. A table is
+// used by one thread at a time.
 #pragma once
 
 #include <string_view>
@@ -11,14 +11,16 @@
 
 namespace wordindex {
 
+using WideText = std::basic_string_view<WCHAR>;
+
 // One word of a table, which allocates and frees it. The text follows the record, zero-terminated.
 struct Word {
     LIST_ENTRY link;  // of its bucket; the first field
     UINT64 count;
-    UINT32 length;  // bytes, without the terminator
+    UINT32 length;  // units, without the terminator
 
-    char* text() { return reinterpret_cast<char*>(this + 1); }
-    std::string_view view() const { return {reinterpret_cast<const char*>(this + 1), length}; }
+    PWCHAR text() { return reinterpret_cast<PWCHAR>(this + 1); }
+    WideText view() const { return {reinterpret_cast<const WCHAR*>(this + 1), length}; }
     static Word* of(PLIST_ENTRY entry) { return reinterpret_cast<Word*>(entry); }
 };
 
@@ -29,8 +31,8 @@ class WordTable {
     WordTable(const WordTable&) = delete;
     WordTable& operator=(const WordTable&) = delete;
 
-    // Counts one occurrence. `word` must be terminated by a zero behind its end.
-    void add(std::string_view word);
+    // Counts one occurrence. A zero must follow the word.
+    void add(WideText word);
 
     // Takes all words of another table, which is empty afterwards.
     void absorb(WordTable& other);
@@ -42,9 +44,9 @@ class WordTable {
     std::vector<const Word*> words() const;
 
   private:
-    PLIST_ENTRY bucket_of(const char* text);
-    static Word* find(PLIST_ENTRY bucket, std::string_view word);
-    Word* make(std::string_view word);
+    PLIST_ENTRY bucket_of(const WCHAR* text);
+    static Word* find(PLIST_ENTRY bucket, WideText word);
+    Word* make(WideText word);
     void take(Word* word);
 
     const Client& client_;
