@@ -10,7 +10,7 @@
 namespace wordindex {
 namespace {
 
-constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kChunk = 65536;
 
 class File {
   public:
@@ -82,25 +82,25 @@ class Splitter {
         return true;
     }
     void take_ascii_letters() {
-        text_.assign(piece_.size() + 1, 0);
-        for (std::size_t i = 0; i < piece_.size(); ++i)
-            if (is_ascii_letter(static_cast<unsigned char>(piece_[i])))
-                text_[i] = static_cast<WCHAR>(piece_[i]);
+        text_.assign(piece_.begin(), piece_.end());
+        std::replace_if(
+            text_.begin(), text_.end(), [](WCHAR unit) { return !is_ascii_letter(unit); }, WCHAR{});
+        text_.push_back(0);
     }
     void add_words() {
         const auto end = text_.end() - 1;
         for (auto word = text_.begin(); word != end;) {
             word = std::find_if(word, end, is_letter);
             const auto behind = std::find_if_not(word, end, is_letter);
-            if (word != behind) add({&*word, static_cast<std::size_t>(behind - word)}, &*behind);
+            if (word != behind) add(&*word, &*behind);
             word = behind;
         }
     }
-    void add(WideText word, WCHAR* behind) {
+    void add(PWCHAR word, PWCHAR behind) {
         *behind = 0;
-        client_.call<&IOsalVtbl::KxCharUpperBuff>(static_cast<UINT32>(word.size()),
-                                                  const_cast<PWCHAR>(word.data()));
-        table_.add(word);
+        const auto length = static_cast<UINT32>(behind - word);
+        client_.call<&IOsalVtbl::KxCharUpperBuff>(length, word);
+        table_.add({word, length});
         ++totals_.words;
     }
 

@@ -159,7 +159,7 @@ void search(const Folder& folder, Verdict& verdict) {
     if (!list_components(real, names))
         verdict.note(kStart.refuse(KC_CODE_FAILED, real.c_str(), strerrordesc_np(errno)));
     for (const std::string& name : names)
-        verdict.note(load_and_start(real + "/" + name));
+        verdict.note(load_and_start((real + "/").append(name)));
 }
 
 KCSTATUS search_all(const char* directory) {
