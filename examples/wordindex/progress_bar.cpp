@@ -31,7 +31,7 @@ ProgressBar::~ProgressBar() {
 }
 
 void* ProgressBar::tick(HANDLE, void* context) {
-    const auto& bar = *static_cast<const ProgressBar*>(context);
+    auto& bar = *static_cast<ProgressBar*>(context);
     if (bar.ending_) {
         bar.last_tick_.signal();
     } else {

@@ -1,6 +1,8 @@
 // Handles of the library that give themselves back.
 #pragma once
 
+#include <atomic>
+
 #include "client.h"
 
 namespace wordindex {
@@ -24,20 +26,20 @@ class Owned {
     HANDLE handle = nullptr;
 };
 
-// Stays signalled once it was.
-class Event : Owned<&IOsalVtbl::KxDestroyEvent> {
+// Stays signalled once it was. Asked again and again: the library has no events yet.
+class Event {
   public:
-    explicit Event(const Client& owner) : Owned(owner) {
-        made(client.call<&IOsalVtbl::KxAllocEvent>(UINT32{KxNotificationEvent}, &handle),
-             "an event");
-    }
-    void signal() const { client.call<&IOsalVtbl::KxSignalEvent>(handle, nullptr); }
-    // A wait takes any wake-up for the signal, so that it is asked for again without waiting.
+    explicit Event(const Client& owner) : client_(owner) {}
+    void signal() { signalled_ = true; }
     void wait() const {
-        do
-            client.call<&IOsalVtbl::KxWaitForSingleEvent>(handle, INT64{KX_WAIT_FOREVER});
-        while (client.call<&IOsalVtbl::KxWaitForSingleEvent>(handle, INT64{0}) != KC_OK);
+        while (!signalled_)
+            client_.call<&IOsalVtbl::KxSleep>(kPoll_us);
     }
+
+  private:
+    static constexpr UINT64 kPoll_us = 1000;
+    const Client& client_;
+    std::atomic<bool> signalled_ = false;
 };
 
 class ReadWriteLock : Owned<&IOsalVtbl::KxDestroyReadWriteLock> {
