@@ -119,7 +119,7 @@ BOOLEAN free_slot(pObjectInfo oi, pObject ob) {
     return FALSE;
 }
 
-// Contract: blocks that still hold objects are passed over, however many references were left.
+// Blocks that still hold objects are passed over: the last of those frees the instance.
 BOOLEAN free_empty_blocks(pObjectInfo oi) {
     PLIST_ENTRY link = oi->blockList.Flink;
     while (link != &oi->blockList) {

@@ -34,20 +34,24 @@ class ObjectDeletion : public ObjectTest {
         return eventually([&] { return recorded.deletions().size() == deletions && idle(); });
     }
 
+    // Holds the deletion thread inside the delete routine of object 1 until the gate is opened.
+    void hold_first() {
+        recorded.on_delete = [this](UINT32 word) {
+            if (word != 1) return;
+            held = true;
+            while (!open)
+                nap();
+        };
+    }
+    bool first_is_held() {
+        return eventually([this] { return held.load(); });
+    }
+
     Interpose hook;
+    std::atomic<bool> held = false;
+    std::atomic<bool> open = false;
 };
 OSAL_ALL_FACES(ObjectDeletion);
-
-// Holds the deletion thread inside the first delete routine until it is opened.
-struct Gate {
-    std::atomic<bool> reached = false;
-    std::atomic<bool> open = false;
-    void operator()(UINT32) {
-        reached = true;
-        while (!open)
-            nap();
-    }
-};
 
 TEST_P(ObjectDeletion, TheRoutineRunsLaterOnAnotherThread) {
     start({.level = 0x10000000});
@@ -67,17 +71,16 @@ TEST_P(ObjectDeletion, TheRoutineRunsLaterOnAnotherThread) {
 
 TEST_P(ObjectDeletion, TwoObjectsInARowAreFreedByOneThreadInOrder) {
     start({.level = 0x10000000});
-    Gate gate;
-    recorded.on_delete = std::ref(gate);
+    hold_first();
     PVOID one = create(1), two = create(2);
     end(one);
-    ASSERT_TRUE(eventually([&] { return gate.reached.load(); }));
+    ASSERT_TRUE(first_is_held());
     end(two);
     EXPECT_EQ(osal::load(numScheduledDelObjects), 1u);
     EXPECT_EQ(length_of(info->objDeleteList), 1u);
     EXPECT_TRUE(info->objDeleteActive);
     EXPECT_EQ(stats(), (Stats{4, 2, 0})) << "in use until they are freed";
-    gate.open = true;
+    open = true;
     ASSERT_TRUE(drained(2));
     EXPECT_EQ(recorded.deletions(), (Numbers{1, 2}));
     EXPECT_EQ(threads_started, 1);
@@ -129,10 +132,9 @@ TEST_P(ObjectDeletion, WithoutARoutineNothingIsDeferred) {
 
 TEST_P(ObjectDeletion, AQueuedObjectIsFoundByNobodyAndFreedOnce) {
     start({.level = 0x10000000});
-    Gate gate;
-    recorded.on_delete = std::ref(gate);
+    hold_first();
     end(create(1));
-    ASSERT_TRUE(eventually([&] { return gate.reached.load(); }));
+    ASSERT_TRUE(first_is_held());
     PVOID queued = create(2), recycled = create(3);
     const HANDLE handle = handle_of(queued), recycled_handle = handle_of(recycled);
     end(queued);
@@ -152,7 +154,7 @@ TEST_P(ObjectDeletion, AQueuedObjectIsFoundByNobodyAndFreedOnce) {
               object_error(3));
     expect_built(3, "ObjectCreateByHandle", 666);
     EXPECT_EQ(length_of(info->objDeleteList), 2u);
-    gate.open = true;
+    open = true;
     ASSERT_TRUE(drained(2));
     EXPECT_EQ(recorded.deletions(), (Numbers{1, 2}));
     EXPECT_EQ(recorded.deallocations(), Numbers{3});
@@ -202,12 +204,9 @@ TEST_P(ObjectDeletion, TheWorkItemStartsADeletionThread) {
 
 TEST_P(ObjectDeletion, TheInstanceGoesWithItsLastQueuedObject) {
     start({.level = 0x10000000});
-    Gate gate;
-    recorded.on_delete = [&](UINT32 word) {
-        if (word == 1) gate(word);
-    };
+    hold_first();
     end(create(1));
-    ASSERT_TRUE(eventually([&] { return gate.reached.load(); }));
+    ASSERT_TRUE(first_is_held());
     end(create(2));
     om.DeallocateObject(info, create(3), 0);
     om.DereferenceObject(info, create(4), 0);
@@ -215,7 +214,7 @@ TEST_P(ObjectDeletion, TheInstanceGoesWithItsLastQueuedObject) {
     EXPECT_EQ(release(), 0u);
     EXPECT_NE(holdings(), before);
     EXPECT_EQ(recorded.deletions(), (Numbers{1, 5})) << "preallocated ones end at once";
-    gate.open = true;
+    open = true;
     ASSERT_TRUE(eventually([&] { return holdings() == before; }));
     EXPECT_EQ(recorded.deletions(), (Numbers{1, 5, 2, 3, 4}));
     EXPECT_EQ(recorded.deallocations(), Numbers{}) << "a pending deallocation ends as a deletion";

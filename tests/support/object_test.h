@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "osal/internal/object.h"
+#include "osal/linux/internal/sync.h"
 #include "support/recorders.h"
 #include "support/service_test.h"
 #include "support/threads.h"
@@ -42,6 +43,15 @@ inline IOMVtbl operations_of(void* instance, Face face) {
 #define FROM_SLOT(number, field, ...) .field = table.field,
     return {KX_IOM_SLOTS(FROM_SLOT)};
 #undef FROM_SLOT
+}
+
+// Whether another thread would have to wait for a platform mutex.
+inline bool is_taken(pthread_mutex_t& mutex) {
+    return elsewhere([&] {
+        if (pthread_mutex_trylock(&mutex) != 0) return true;
+        pthread_mutex_unlock(&mutex);
+        return false;
+    });
 }
 
 // Everything that the services lent the library's own instance, and is still out.
@@ -126,6 +136,7 @@ class ObjectTest : public ServiceTest, public testing::WithParamInterface<Face> 
         }
         EXPECT_TRUE(eventually([&] { return holdings() == before; })) << "something was kept";
         EXPECT_TRUE(eventually([] { return osal::load(numScheduledDelObjects) == 0; }));
+        EXPECT_TRUE(eventually([] { return osal::load(g_OsalCurrentThreads) == 0; }));
         EXPECT_EQ(g_ulCount, 0u);
     }
 
