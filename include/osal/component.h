@@ -55,7 +55,9 @@ extern const GUID* const TSCOM_Table[];
 KCSTATUS DllStart(void);
 
 /* To be called once before the library is unloaded. Shuts the library down (OsalUninitialize) and
- * closes the system log. The result carries no meaning. A second call is harmless. */
+ * closes the system log. The result carries no meaning. A second call is harmless. When it returns
+ * every thread of the library has ended, so that the library may be unloaded at once. Not to be
+ * called from a timer or work-item routine, which it would wait for. */
 KCSTATUS DllStop(void);
 
 /* Stops the library's own threads, waits for them without a time-out, and releases what start-up

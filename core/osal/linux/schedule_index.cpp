@@ -87,7 +87,7 @@ void mark_used(const Place& place, UINT64 tick) {
 }
 
 // Puts a node at the highest digit in which the tick of a timer and those below a branch differ.
-Branch fork(Branch branch, Timer* timer) {
+Branch split(Branch branch, Timer* timer) {
     const UINT64 other = lowest_tick(branch);
     const auto difference = static_cast<unsigned>(std::bit_width(other ^ timer->expiry)) - 1;
     IndexNode& node = *new_node();
@@ -165,7 +165,7 @@ Timer* index_insert(Timer* timer) {
     if (place.branch->empty() || lowest_tick(*place.branch) == tick)
         *place.branch = Branch(timer);
     else
-        *place.branch = fork(*place.branch, timer);
+        *place.branch = split(*place.branch, timer);
     return before;
 }
 

@@ -62,7 +62,7 @@ void prefetch_feeder() REQUIRES(g_OsalTimerQueueMutex) {
     const Timer* timer = g_OsalTimerFeededQueHeadPtr;
     for (; timer != nullptr && count < kScouts; timer = timer->pNextTimerStruct)
         ticks[count++] = now + timer->timeOutValue;
-    if (count > 1) index_prefetch(ticks, count);
+    if (count > 1 && g_OsalTimerQueHeadPtr != nullptr) index_prefetch(ticks, count);
 }
 
 // Newest first, so that of two timers of one tick the one armed later comes first.
