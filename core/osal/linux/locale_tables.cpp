@@ -88,7 +88,8 @@ bool ask_trails(Converter& converter, UCHAR lead, Block& trails) {
     for (UINT32 trail = kFirstTrail; trail < kEntries; ++trail) {
         WCHAR out[kEntries][2];
         std::size_t size = sizeof out;
-        const bool is_all = converter.convert(in[trail], sizeof in - 3 * trail, out, size);
+        const bool is_all =
+            converter.convert(in[trail], sizeof in - sizeof in[0] * trail, out, size);
         const std::size_t units = size / sizeof out[0];
         if (!is_all && !is_no_character()) return false;
         if (size % sizeof out[0] != 0 || (is_all && units != kEntries - trail)) return false;
