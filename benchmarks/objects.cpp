@@ -117,36 +117,33 @@ Contender on(unsigned threads, std::string name, Work work) {
             }};
 }
 
-void references(bench::Report& report, std::size_t count) {
+void references(bench::Report& report, std::size_t count, unsigned threads) {
     Manager manager(255, 1);
     manager.fill(count);
     SlotMap slots(count);
     HashMap map(count);
-    for (unsigned threads : {1u, 2u}) {
-        const auto seed = [](unsigned who) { return Sequence{who * 977u + 1u}; };
-        report.race(
-            "Reference and dereference by handle, threads: " + std::to_string(threads),
-            bench::count_name(count), static_cast<double>(count),
-            {on(threads, "slot map, shared mutex",
-                [&, seed](std::uint64_t n, unsigned who) {
-                    for (Sequence at = seed(who); n != 0; --n)
-                        --slots.reference(at.next(count))->count;
-                }),
-             on(threads, "object manager",
-                [&, seed](std::uint64_t n, unsigned who) {
-                    for (Sequence at = seed(who); n != 0; --n) {
-                        PVOID data;
-                        manager->ReferenceObjectByHandle(*manager, manager.handles[at.next(count)],
-                                                         0, &data);
-                        manager->DereferenceObject(*manager, data, 0);
-                    }
-                }),
-             on(threads, "unordered_map of shared_ptr, shared mutex",
-                [&, seed](std::uint64_t n, unsigned who) {
-                    for (Sequence at = seed(who); n != 0; --n)
-                        bench::keep(map.reference(static_cast<UINT32>(at.next(count))).get());
-                })});
-    }
+    const auto seed = [](unsigned who) { return Sequence{who * 977u + 1u}; };
+    report.race("Reference and dereference by handle, threads: " + std::to_string(threads),
+                bench::count_name(count), static_cast<double>(count),
+                {on(threads, "slot map, shared mutex",
+                    [&, seed](std::uint64_t n, unsigned who) {
+                        for (Sequence at = seed(who); n != 0; --n)
+                            --slots.reference(at.next(count))->count;
+                    }),
+                 on(threads, "object manager",
+                    [&, seed](std::uint64_t n, unsigned who) {
+                        for (Sequence at = seed(who); n != 0; --n) {
+                            PVOID data;
+                            manager->ReferenceObjectByHandle(
+                                *manager, manager.handles[at.next(count)], 0, &data);
+                            manager->DereferenceObject(*manager, data, 0);
+                        }
+                    }),
+                 on(threads, "unordered_map of shared_ptr, shared mutex",
+                    [&, seed](std::uint64_t n, unsigned who) {
+                        for (Sequence at = seed(who); n != 0; --n)
+                            bench::keep(map.reference(static_cast<UINT32>(at.next(count))).get());
+                    })});
 }
 
 void creations(bench::Report& report, PIOsal osal, std::size_t count) {
@@ -249,8 +246,9 @@ int main(int argc, char** argv) {
     bench::Instance osal;
     std::vector<std::size_t> counts = {1'000, 100'000, 1'000'000};
     if (!report.quick()) counts.push_back(10'000'000);
-    for (std::size_t count : counts)
-        references(report, count);
+    for (unsigned threads : {1u, 2u})
+        for (std::size_t count : counts)
+            references(report, count, threads);
     for (std::size_t count : counts)
         creations(report, osal, count);
     for (std::size_t count : counts)
