@@ -6,6 +6,7 @@
 #include "osal/conversion.h"
 #include "osal/counted_string.h"
 #include "osal/debug.h"
+#include "osal/event.h"
 #include "osal/identifiers.h"
 #include "osal/iom.h"
 #include "osal/iosal.h"

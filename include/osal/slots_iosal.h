@@ -52,30 +52,30 @@
          (PIOsal pThis, PLIST_ENTRY pListHead))                                                   \
     SLOT(21, KxRemoveTailList, KxRemoveTailList, PLIST_ENTRY,                                     \
          (PIOsal pThis, PLIST_ENTRY pListHead))                                                   \
-    SLOT(22, KxCharUpperBuff, KxCharUpperBuff, KCSTATUS,                                        \
+    SLOT(22, KxCharUpperBuff, KxCharUpperBuff, KCSTATUS,                                          \
          (PIOsal pThis, UINT32 Length, PWCHAR pWideStr))                                          \
-    SLOT(23, KxMultiByteToWideChar, KxMultiByteToWideChar, KCSTATUS,                            \
+    SLOT(23, KxMultiByteToWideChar, KxMultiByteToWideChar, KCSTATUS,                              \
          (PIOsal pThis, UINT32 CodePage, const CHAR* pMultiByteStr, INT32 MultiByteStrLen, PWCHAR \
           pWideCharStr, PUINT32 pWideCharStrLen))                                                 \
-    SLOT(24, KxWideCharToMultiByte, KxWideCharToMultiByte, KCSTATUS,                            \
+    SLOT(24, KxWideCharToMultiByte, KxWideCharToMultiByte, KCSTATUS,                              \
          (PIOsal pThis, UINT32 CodePage, const WCHAR* pWideCharStr, INT32 WideCharStrLen, PCHAR   \
           pMultiByteStr, PUINT32 pMultiByteStrLen))                                               \
     SLOT(25, KxAllocNonPagedMemory, KxAllocNonPagedMemory, PVOID, (PIOsal pThis, UINT32 Size))    \
     SLOT(26, KxAllocPagedMemory, KxAllocPagedMemory, PVOID, (PIOsal pThis, UINT32 Size))          \
     SLOT(27, KxFreeMemory, KxFreeMemory, KCSTATUS, (PIOsal pThis, PVOID pMemory))                 \
-    SLOT(28, KxAllocTimer, KxAllocTimer, KCSTATUS,                                              \
+    SLOT(28, KxAllocTimer, KxAllocTimer, KCSTATUS,                                                \
          (PIOsal pThis, PKX_TIMER_ROUTINE pTimerRoutine, PVOID pContext, BOOLEAN bDispatchLevel,  \
           PHANDLE pHandle))                                                                       \
-    SLOT(29, KxAllocWorkItem, KxAllocWorkItem, KCSTATUS,                                        \
+    SLOT(29, KxAllocWorkItem, KxAllocWorkItem, KCSTATUS,                                          \
          (PIOsal pThis, PKX_WORK_ITEM_ROUTINE pWorkItemRoutine, PVOID pContext, HANDLE* pHandle)) \
-    SLOT(30, KxCancelTimer, KxCancelTimer, BOOLEAN, (PIOsal pThis, HANDLE hTimer))              \
-    SLOT(31, KxDestroyTimer, KxDestroyTimer, KCSTATUS, (PIOsal pThis, HANDLE hTimer))           \
-    SLOT(32, KxDestroyWorkItem, KxDestroyWorkItem, KCSTATUS, (PIOsal pThis, HANDLE hWork))      \
-    SLOT(33, KxScheduleTimer, KxScheduleTimer, KCSTATUS,                                        \
+    SLOT(30, KxCancelTimer, KxCancelTimer, BOOLEAN, (PIOsal pThis, HANDLE hTimer))                \
+    SLOT(31, KxDestroyTimer, KxDestroyTimer, KCSTATUS, (PIOsal pThis, HANDLE hTimer))             \
+    SLOT(32, KxDestroyWorkItem, KxDestroyWorkItem, KCSTATUS, (PIOsal pThis, HANDLE hWork))        \
+    SLOT(33, KxScheduleTimer, KxScheduleTimer, KCSTATUS,                                          \
          (PIOsal pThis, HANDLE hTimer, UINT64 Timeout))                                           \
-    SLOT(34, KxScheduleWorkItem, KxScheduleWorkItem, KCSTATUS,                                  \
+    SLOT(34, KxScheduleWorkItem, KxScheduleWorkItem, KCSTATUS,                                    \
          (PIOsal pThis, HANDLE hWorkItem, KX_PRIORITY Priority))                                  \
-    SLOT(35, KxSleep, KxSleep, void, (PIOsal pThis, UINT64 Interval))                           \
+    SLOT(35, KxSleep, KxSleep, void, (PIOsal pThis, UINT64 Interval))                             \
     SLOT(36, KxCompareMemory, KxCompareMemory, UINT32,                                            \
          (PIOsal pThis, const void* pMemory1, const void* pMemory2, UINT32 Length))               \
     SLOT(37, KxCopyMemory, KxCopyMemory, void,                                                    \
@@ -91,83 +91,83 @@
     SLOT(42, KxStrlen, KxStrlen, UINT32, (PIOsal pThis, const CHAR* pString))                     \
     SLOT(43, KxStrlenW, KxStrlenW, UINT32, (PIOsal pThis, const WCHAR* pStringW))                 \
     SLOT(44, KxZeroMemory, KxZeroMemory, void, (PIOsal pThis, PVOID pDest, UINT32 Length))        \
-    SLOT(45, KxAppendUnicodeStringToString, KxAppendUnicodeStringToString, KCSTATUS,            \
+    SLOT(45, KxAppendUnicodeStringToString, KxAppendUnicodeStringToString, KCSTATUS,              \
          (PIOsal pThis, UNICODE_STRING* pDest, const UNICODE_STRING* pSrc))                       \
-    SLOT(46, KxAppendUnicodeToString, KxAppendUnicodeToString, KCSTATUS,                        \
+    SLOT(46, KxAppendUnicodeToString, KxAppendUnicodeToString, KCSTATUS,                          \
          (PIOsal pThis, UNICODE_STRING* pDest, const WCHAR* pSrc))                                \
-    SLOT(47, KxCompareString, KxCompareString, INT32,                                           \
+    SLOT(47, KxCompareString, KxCompareString, INT32,                                             \
          (PIOsal pThis, const STRING* pString1, const STRING* pString2, BOOLEAN                   \
           bCaseInsensitive))                                                                      \
-    SLOT(48, KxCompareUnicodeString, KxCompareUnicodeString, INT32,                             \
+    SLOT(48, KxCompareUnicodeString, KxCompareUnicodeString, INT32,                               \
          (PIOsal pThis, const UNICODE_STRING* pString1, const UNICODE_STRING* pString2, BOOLEAN   \
           bCaseInsensitive))                                                                      \
-    SLOT(49, KxCopyString, KxCopyString, void,                                                  \
+    SLOT(49, KxCopyString, KxCopyString, void,                                                    \
          (PIOsal pThis, STRING* pDest, const STRING* pSrc))                                       \
-    SLOT(50, KxCopyUnicodeString, KxCopyUnicodeString, void,                                    \
+    SLOT(50, KxCopyUnicodeString, KxCopyUnicodeString, void,                                      \
          (PIOsal pThis, UNICODE_STRING* pDest, const UNICODE_STRING* pSrc))                       \
-    SLOT(51, KxEqualString, KxEqualString, BOOLEAN,                                             \
+    SLOT(51, KxEqualString, KxEqualString, BOOLEAN,                                               \
          (PIOsal pThis, const STRING* pString1, const STRING* pString2, BOOLEAN                   \
           bCaseInsensitive))                                                                      \
-    SLOT(52, KxEqualUnicodeString, KxEqualUnicodeString, BOOLEAN,                               \
+    SLOT(52, KxEqualUnicodeString, KxEqualUnicodeString, BOOLEAN,                                 \
          (PIOsal pThis, const UNICODE_STRING* pString1, const UNICODE_STRING* pString2, BOOLEAN   \
           bCaseInsensitive))                                                                      \
-    SLOT(53, KxInitString, KxInitString, void, (PIOsal pThis, STRING* pDest, const CHAR* pSrc)) \
-    SLOT(54, KxInitUnicodeString, KxInitUnicodeString, void,                                    \
+    SLOT(53, KxInitString, KxInitString, void, (PIOsal pThis, STRING* pDest, const CHAR* pSrc))   \
+    SLOT(54, KxInitUnicodeString, KxInitUnicodeString, void,                                      \
          (PIOsal pThis, UNICODE_STRING* pDest, const WCHAR* pSrc))                                \
-    SLOT(55, KxIntegerToUnicodeString, KxIntegerToUnicodeString, KCSTATUS,                      \
+    SLOT(55, KxIntegerToUnicodeString, KxIntegerToUnicodeString, KCSTATUS,                        \
          (PIOsal pThis, UINT32 Value, UINT32 Base, UNICODE_STRING* pString))                      \
-    SLOT(56, KxUnicodeStringToInteger, KxUnicodeStringToInteger, KCSTATUS,                      \
+    SLOT(56, KxUnicodeStringToInteger, KxUnicodeStringToInteger, KCSTATUS,                        \
          (PIOsal pThis, const UNICODE_STRING* pString, UINT32 Base, PUINT32 pValue))              \
-    SLOT(57, KxAcquireLockForReadAccess, KxAcquireLockForReadAccess, KCSTATUS,                  \
+    SLOT(57, KxAcquireLockForReadAccess, KxAcquireLockForReadAccess, KCSTATUS,                    \
          (PIOsal pThis, HANDLE Handle, BOOLEAN bWait))                                            \
-    SLOT(58, KxAcquireLockForWriteAccess, KxAcquireLockForWriteAccess, KCSTATUS,                \
+    SLOT(58, KxAcquireLockForWriteAccess, KxAcquireLockForWriteAccess, KCSTATUS,                  \
          (PIOsal pThis, HANDLE Handle, BOOLEAN bWait))                                            \
-    SLOT(59, KxAcquireMutex, KxAcquireMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    SLOT(60, KxAcquireSpinLock, KxAcquireSpinLock, KCSTATUS,                                    \
+    SLOT(59, KxAcquireMutex, KxAcquireMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))             \
+    SLOT(60, KxAcquireSpinLock, KxAcquireSpinLock, KCSTATUS,                                      \
          (PIOsal pThis, HANDLE Handle, KCSPIN_STATE* pPrevState))                                 \
-    VACANT(61, KxAllocEvent, KxAllocEvent, KCSTATUS,                                              \
+    SLOT(61, KxAllocEvent, KxAllocEvent, KCSTATUS,                                                \
          (PIOsal pThis, KX_EVENT_TYPE EventType, HANDLE* pHandle))                                \
-    SLOT(62, KxAllocMutex, KxAllocMutex, KCSTATUS,                                              \
+    SLOT(62, KxAllocMutex, KxAllocMutex, KCSTATUS,                                                \
          (PIOsal pThis, UINT32 Level, HANDLE* pHandle))                                           \
-    SLOT(63, KxAllocReadWriteLock, KxAllocReadWriteLock, KCSTATUS,                              \
+    SLOT(63, KxAllocReadWriteLock, KxAllocReadWriteLock, KCSTATUS,                                \
          (PIOsal pThis, HANDLE* pHandle))                                                         \
-    SLOT(64, KxAllocSpinLock, KxAllocSpinLock, KCSTATUS, (PIOsal pThis, HANDLE* pHandle))       \
-    VACANT(65, KxDestroyEvent, KxDestroyEvent, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    SLOT(66, KxDestroyMutex, KxDestroyMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    SLOT(67, KxDestroyReadWriteLock, KxDestroyReadWriteLock, KCSTATUS,                          \
+    SLOT(64, KxAllocSpinLock, KxAllocSpinLock, KCSTATUS, (PIOsal pThis, HANDLE* pHandle))         \
+    SLOT(65, KxDestroyEvent, KxDestroyEvent, KCSTATUS, (PIOsal pThis, HANDLE Handle))             \
+    SLOT(66, KxDestroyMutex, KxDestroyMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))             \
+    SLOT(67, KxDestroyReadWriteLock, KxDestroyReadWriteLock, KCSTATUS,                            \
          (PIOsal pThis, HANDLE Handle))                                                           \
-    SLOT(68, KxDestroySpinLock, KxDestroySpinLock, KCSTATUS, (PIOsal pThis, HANDLE Handle))     \
-    SLOT(69, KxGetCurrentIrql, KxGetCurrentIrql, IRQ_LEVEL, (PIOsal pThis))                     \
-    SLOT(70, KxInterlockedDecrement, KxInterlockedDecrement, UINT32,                            \
+    SLOT(68, KxDestroySpinLock, KxDestroySpinLock, KCSTATUS, (PIOsal pThis, HANDLE Handle))       \
+    SLOT(69, KxGetCurrentIrql, KxGetCurrentIrql, IRQ_LEVEL, (PIOsal pThis))                       \
+    SLOT(70, KxInterlockedDecrement, KxInterlockedDecrement, UINT32,                              \
          (PIOsal pThis, UINT32* pValue))                                                          \
-    SLOT(71, KxInterlockedExchange, KxInterlockedExchange, UINT32,                              \
+    SLOT(71, KxInterlockedExchange, KxInterlockedExchange, UINT32,                                \
          (PIOsal pThis, UINT32* pTarget, UINT32 Value))                                           \
-    SLOT(72, KxInterlockedIncrement, KxInterlockedIncrement, UINT32,                            \
+    SLOT(72, KxInterlockedIncrement, KxInterlockedIncrement, UINT32,                              \
          (PIOsal pThis, UINT32* pValue))                                                          \
-    SLOT(73, KxReleaseMutex, KxReleaseMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
-    SLOT(74, KxReleaseReadWriteLock, KxReleaseReadWriteLock, KCSTATUS,                          \
+    SLOT(73, KxReleaseMutex, KxReleaseMutex, KCSTATUS, (PIOsal pThis, HANDLE Handle))             \
+    SLOT(74, KxReleaseReadWriteLock, KxReleaseReadWriteLock, KCSTATUS,                            \
          (PIOsal pThis, HANDLE Handle))                                                           \
-    SLOT(75, KxReleaseSpinLock, KxReleaseSpinLock, KCSTATUS,                                    \
+    SLOT(75, KxReleaseSpinLock, KxReleaseSpinLock, KCSTATUS,                                      \
          (PIOsal pThis, HANDLE Handle, KCSPIN_STATE prevState))                                   \
-    VACANT(76, KxResetEvent, KxResetEvent, KCSTATUS,                                              \
+    SLOT(76, KxResetEvent, KxResetEvent, KCSTATUS,                                                \
          (PIOsal pThis, HANDLE Handle, BOOLEAN* pPrevState))                                      \
-    VACANT(77, KxSignalEvent, KxSignalEvent, KCSTATUS,                                            \
+    SLOT(77, KxSignalEvent, KxSignalEvent, KCSTATUS,                                              \
          (PIOsal pThis, HANDLE Handle, BOOLEAN* pPrevState))                                      \
-    VACANT(78, KxWaitForMultipleEvents, KxWaitForMultipleEvents, KCSTATUS,                        \
+    SLOT(78, KxWaitForMultipleEvents, KxWaitForMultipleEvents, KCSTATUS,                          \
          (PIOsal pThis, UINT32 Count, HANDLE* Handles, BOOLEAN bWaitAll, INT64 Timeout))          \
-    VACANT(79, KxWaitForSingleEvent, KxWaitForSingleEvent, KCSTATUS,                              \
+    SLOT(79, KxWaitForSingleEvent, KxWaitForSingleEvent, KCSTATUS,                                \
          (PIOsal pThis, HANDLE Handle, INT64 Timeout))                                            \
-    SLOT(80, KxCreateThread, KxCreateThread, KCSTATUS,                                          \
+    SLOT(80, KxCreateThread, KxCreateThread, KCSTATUS,                                            \
          (PIOsal pThis, KX_PRIORITY Priority, PKX_THREAD_ROUTINE pThreadRoutine, PVOID pContext,  \
           HANDLE* pHandle))                                                                       \
-    SLOT(81, KxDestroyThread, KxDestroyThread, KCSTATUS, (PIOsal pThis, HANDLE Handle))         \
-    SLOT(82, KxExitThread, KxExitThread, void,                                                  \
+    SLOT(81, KxDestroyThread, KxDestroyThread, KCSTATUS, (PIOsal pThis, HANDLE Handle))           \
+    SLOT(82, KxExitThread, KxExitThread, void,                                                    \
          (PIOsal pThis, HANDLE Handle, KCSTATUS ExitStatus, BOOLEAN bDestroyThread))              \
-    SLOT(83, KxGetThreadExitStatus, KxGetThreadExitStatus, KCSTATUS,                            \
+    SLOT(83, KxGetThreadExitStatus, KxGetThreadExitStatus, KCSTATUS,                              \
          (PIOsal pThis, HANDLE Handle))                                                           \
-    SLOT(84, KxSetThreadPriority, KxSetThreadPriority, KCSTATUS,                                \
+    SLOT(84, KxSetThreadPriority, KxSetThreadPriority, KCSTATUS,                                  \
          (PIOsal pThis, HANDLE Handle, KX_PRIORITY priority))                                     \
-    SLOT(85, KxWaitForThreadExit, KxWaitForThreadExit, KCSTATUS,                                \
+    SLOT(85, KxWaitForThreadExit, KxWaitForThreadExit, KCSTATUS,                                  \
          (PIOsal pThis, HANDLE Handle, INT64 TimeOut))                                            \
     SLOT(86, KxGetSystemTime, KxGetSystemTime, void, (PIOsal pThis, PUINT64 pCurrentTime))        \
     SLOT(87, KxRegisterModuleName, KxRegisterModuleName, KCSTATUS,                                \

@@ -1,0 +1,87 @@
+// Events: allocation, destruction, signal and reset.
+//
+// Locks in their order: an event's mutex, then the mutex of a master that is registered on it.
+// Waiters are woken under the event's mutex: one that has got its signal may destroy the event, and
+// has to take that mutex first.
+#include "osal/event.h"
+
+#include "osal/linux/internal/event.h"
+
+using namespace osal;
+
+namespace {
+
+// Caller holds the mutex of an event that the master is registered on, so the master is there.
+void signal_master(Event* master) {
+    Lock lock(master->mutex);
+    if (is_signalled(master)) return;
+    store(master->state, UINT32{1});
+    pthread_cond_signal(&master->condition);
+}
+
+void signal_masters(Event* event) REQUIRES(event->mutex) {
+    const LIST_ENTRY* head = &event->multiWaitList;
+    for (PLIST_ENTRY entry = head->Flink; entry != head; entry = entry->Flink) {
+        auto* registration = record_of<Registration>(entry, offsetof(Registration, SingleEntry));
+        if (registration->pMasterEvent != nullptr) signal_master(registration->pMasterEvent);
+    }
+}
+
+// Returns the former state. Contract: an event that is signalled already wakes nobody.
+UINT32 signal(Event* event) {
+    Lock lock(event->mutex);
+    const UINT32 former = load(event->state);
+    if (former != 0) return former;
+    store(event->state, UINT32{1});
+    if (event->type == KxNotificationEvent)
+        pthread_cond_broadcast(&event->condition);
+    else
+        pthread_cond_signal(&event->condition);
+    signal_masters(event);
+    return former;
+}
+
+void report(UINT32 former, BOOLEAN* pPrevState) {
+    if (pPrevState != nullptr) *pPrevState = former != 0;
+}
+
+}  // namespace
+
+void Event::init_platform() NO_THREAD_SAFETY_ANALYSIS {
+    state = 0;
+    OsalInitializeListHead(&Link);
+    OsalInitializeListHead(&multiWaitList);
+    pthread_cond_init(&condition, nullptr);
+    mutex.init();
+}
+
+int Event::destroy_platform() {
+    if (const int refusal = mutex.destroy(); refusal != 0) return refusal;
+    return pthread_cond_destroy(&condition);
+}
+
+KCSTATUS KxAllocEvent(PIOsal pThis, KX_EVENT_TYPE EventType, HANDLE* pHandle) {
+    if (EventType > KxNotificationEvent) return kSync.fail(KC_CODE_INVALID_ARGUMENT);
+    const KCSTATUS status = new_record<Event>(pThis, pHandle);
+    if (!is_error(status)) static_cast<Event*>(*pHandle)->type = EventType;
+    return status;
+}
+
+KCSTATUS KxDestroyEvent(PIOsal pThis, HANDLE Handle) {
+    return end_record<Event>(pThis, Handle);
+}
+
+KCSTATUS KxSignalEvent(PIOsal, HANDLE Handle, BOOLEAN* pPrevState) {
+    auto* event = as<Event>(Handle);
+    if (event == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE);
+    report(signal(event), pPrevState);
+    return KC_OK;
+}
+
+// Contract: without the event's mutex, so a waiter that was woken already is not held back.
+KCSTATUS KxResetEvent(PIOsal, HANDLE Handle, BOOLEAN* pPrevState) {
+    auto* event = as<Event>(Handle);
+    if (event == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE);
+    report(std::atomic_ref<UINT32>(event->state).exchange(0), pPrevState);
+    return KC_OK;
+}
