@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <set>
 #include <vector>
 
 namespace osal_test {
@@ -11,6 +12,15 @@ HeapFault* current_fault = nullptr;
 
 std::mutex held_mutex;
 std::vector<void*> held;
+
+std::mutex ledger_mutex;
+std::set<void*> ledger;
+
+void* enter_in_ledger(void* memory) {
+    std::lock_guard lock(ledger_mutex);
+    if (memory != nullptr) ledger.insert(memory);
+    return memory;
+}
 
 }  // namespace
 
@@ -32,11 +42,43 @@ bool HeapFault::fails() {
 }
 
 void* HeapFault::malloc_hook(std::size_t size) {
-    return current_fault->fails() ? nullptr : std::malloc(size);
+    if (current_fault->fails()) return nullptr;
+    return current_fault->malloc_->original_as<decltype(std::malloc)>()(size);
 }
 
 void* HeapFault::calloc_hook(std::size_t count, std::size_t size) {
-    return current_fault->fails() ? nullptr : std::calloc(count, size);
+    if (current_fault->fails()) return nullptr;
+    return current_fault->calloc_->original_as<decltype(std::calloc)>()(count, size);
+}
+
+HeapLedger::HeapLedger() {
+    ledger.clear();
+    malloc_.emplace("osal.so", "malloc", &HeapLedger::malloc_hook);
+    calloc_.emplace("osal.so", "calloc", &HeapLedger::calloc_hook);
+    free_.emplace("osal.so", "free", &HeapLedger::free_hook);
+}
+
+HeapLedger::~HeapLedger() = default;
+
+std::size_t HeapLedger::blocks() const {
+    std::lock_guard lock(ledger_mutex);
+    return ledger.size();
+}
+
+void* HeapLedger::malloc_hook(std::size_t size) {
+    return enter_in_ledger(std::malloc(size));
+}
+
+void* HeapLedger::calloc_hook(std::size_t count, std::size_t size) {
+    return enter_in_ledger(std::calloc(count, size));
+}
+
+void HeapLedger::free_hook(void* memory) {
+    {
+        std::lock_guard lock(ledger_mutex);
+        ledger.erase(memory);
+    }
+    std::free(memory);
 }
 
 Quarantine::Quarantine() {

@@ -28,6 +28,23 @@ class HeapFault {
     std::optional<Interpose> calloc_;
 };
 
+// Counts the blocks that the library has on the heap and that it got since the object was made.
+// Goes in front of a HeapFault. One object at a time.
+class HeapLedger {
+  public:
+    HeapLedger();
+    ~HeapLedger();
+    std::size_t blocks() const;
+
+  private:
+    static void* malloc_hook(std::size_t size);
+    static void* calloc_hook(std::size_t count, std::size_t size);
+    static void free_hook(void* memory);
+    std::optional<Interpose> malloc_;
+    std::optional<Interpose> calloc_;
+    std::optional<Interpose> free_;
+};
+
 // Holds back what the library frees until the object goes, so that a test may look at a stale
 // record without touching freed memory. One object at a time.
 class Quarantine {
