@@ -6,15 +6,14 @@
 
 #include <gtest/gtest.h>
 #include <linux/membarrier.h>
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -30,6 +29,11 @@ int rounds(int base) {
     return factor != nullptr ? base * std::atoi(factor) : base;
 }
 
+void linger(std::size_t turns) {
+    for (; turns > 0; --turns)
+        asm volatile("");
+}
+
 struct Guarded {
     Mutex mutex = {PTHREAD_MUTEX_INITIALIZER};
     PoolBias bias = {};
@@ -39,6 +43,7 @@ struct Guarded {
         const bool equal = with_pool_lock(mutex, bias, [this] {
             const bool was_equal = first == second;
             ++first;
+            linger(100);  // so that who comes finds the owner inside
             ++second;
             return was_equal;
         });
@@ -79,10 +84,38 @@ TEST_F(PoolLock, LosesItsBiasForGoodToASecondThread) {
     EXPECT_EQ(guarded.first, 3);
 }
 
+TEST_F(PoolLock, IsNotEnteredWhileItsOwnerIsInside) {
+    Guarded guarded;
+    std::atomic<bool> inside = false, leave = false, entered = false;
+    std::thread owner([&] {
+        guarded.add();
+        with_pool_lock(guarded.mutex, guarded.bias, [&] {
+            inside = true;
+            while (!leave)
+                std::this_thread::yield();
+            return 0;
+        });
+    });
+    while (!inside)
+        std::this_thread::yield();
+    std::thread other([&] {
+        guarded.add();
+        entered = true;
+    });
+    while (!guarded.bias_ended())
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(entered);
+    leave = true;
+    owner.join();
+    other.join();
+    EXPECT_TRUE(entered);
+}
+
 // The owner is inside for most of its time when the others come; each round has a bias to end.
 TEST_F(PoolLock, ExcludesTheOwnerFromThoseWhoEndItsBias) {
-    constexpr int kOthers = 2, kTurns = 60;
-    const int count = rounds(2000);
+    constexpr int kOthers = 2, kTurns = 30;
+    const int count = rounds(200);
     std::vector<Guarded> all(static_cast<std::size_t>(count));
     std::barrier start(1 + kOthers);
     std::vector<std::thread> threads;
@@ -99,9 +132,7 @@ TEST_F(PoolLock, ExcludesTheOwnerFromThoseWhoEndItsBias) {
             for (std::size_t i = 0; i < all.size(); ++i) {
                 start.arrive_and_wait();
                 // From at once to when the owner is nearly through.
-                for (std::size_t wait = i % 50 * static_cast<unsigned>(20 + other); wait > 0;
-                     --wait)
-                    asm volatile("");
+                linger(i % 50 * static_cast<unsigned>(20 + other));
                 for (int turn = 0; turn < kTurns; ++turn)
                     all[i].add();
             }
@@ -117,7 +148,7 @@ TEST_F(PoolLock, ExcludesTheOwnerFromThoseWhoEndItsBias) {
 
 TEST_F(PoolLock, IsBegunByOneOfManyThreadsThatComeAtOnce) {
     constexpr int kThreads = 3;
-    std::vector<Guarded> all(static_cast<std::size_t>(rounds(2000)));
+    std::vector<Guarded> all(static_cast<std::size_t>(rounds(200)));
     std::barrier start(kThreads);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i)
