@@ -15,13 +15,14 @@ UINT32 add_byte(UINT32 hash, UINT32 byte) {
 }  // namespace
 
 UINT32 KxStrHash(PIOsal, const CHAR* pString, UINT32 HashTableSize) {
-    if (*pString == 0) return 0;  // also for a table of size 0
+    if (*pString == 0) return 0;  // Contract: for a table of size 0 too
     UINT32 hash = 0;
     for (; *pString != 0; ++pString)
         hash = add_byte(hash, static_cast<UCHAR>(*pString));
     return hash % HashTableSize;
 }
 
+// Contract: both bytes of a unit count, so wide ASCII text hashes differently from its narrow form.
 UINT32 KxStrHashW(PIOsal, const WCHAR* pStringW, UINT32 HashTableSize) {
     const osal::LooseUnit* unit = pStringW;
     if (*unit == 0) return 0;

@@ -44,7 +44,8 @@ Pool pool_of(OsalObjInfo* instance) {
                 instance->MemoryPagedTotalAllocated, instance->MemoryPagedInUse};
 }
 
-// The statistics read the counters without the pool's lock.
+// The statistics read the counters without the pool's lock. Contract: the total only grows, and
+// wraps at 32 bits.
 void add(UINT32& counter, UINT32 amount) {
     store(counter, counter + amount, std::memory_order_relaxed);
 }
@@ -137,6 +138,7 @@ KCSTATUS KxFreeMemory(PIOsal pThis, PVOID pMemory) {
         syslog(LOG_USER | LOG_DEBUG, "%s", fault);
         return kModule.fail(KC_CODE_CORRUPT);
     }
+    // Contract: any type but 0 is released as paged.
     return pool_type(block) == NonPagedPool ? release<NonPagedPool>(instance, block)
                                             : release<PagedPool>(instance, block);
 }

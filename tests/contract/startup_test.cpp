@@ -359,6 +359,37 @@ TEST(FailedStart, WithoutMemoryForTheOwnInstanceIsLoggedAndMapped) {
     EXPECT_EQ(InterfaceCount, 0u);
 }
 
+// The first heap request of a start is that of the first code page.
+std::vector<LoggedLine> lines_without_code_pages(int atfork) {
+    atfork_result = atfork;
+    DllStart();
+    Interpose hook("osal.so", "__register_atfork", &stand_in_register_atfork);
+    LogRecorder log;
+    StatusRecorder statuses;
+    HeapFault fault(1);
+    void* factory = nullptr;
+    EXPECT_EQ(get_factory(&factory), HRESULT{0x80080001});
+    statuses.expect_one(1, "init", "OsalInitialize");
+    EXPECT_EQ(g_bOsalInitialized, 0);
+    EXPECT_EQ(pIOsal, nullptr);
+    return log.take();
+}
+
+TEST(FailedStart, WithoutCodePagesIsLoggedAndMapped) {
+    const auto lines = lines_without_code_pages(0);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, LOG_USER | LOG_ERR);
+    EXPECT_EQ(lines[0].text, "CharConv init failed 0");
+    DllStop();
+}
+
+TEST(FailedStart, WithoutCodePagesLogsTheResultOfTheForkHandler) {
+    const auto lines = lines_without_code_pages(-1);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].text, "pthread_atfork() failed ffffffff");
+    EXPECT_EQ(lines[1].text, "CharConv init failed ffffffff");
+}
+
 TEST(FailedStart, IsTriedAgainByTheNextCall) {
     DllStart();
     void* factory = nullptr;

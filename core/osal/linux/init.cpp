@@ -160,6 +160,9 @@ KCSTATUS DllStart() {
     return KC_OK;
 }
 
+// Contract: there is no way back. The library stays marked as initialised and keeps its own
+// instance, so a later DllGetClassObject hands out factories of a library without timers and
+// workers.
 KCSTATUS OsalUninitialize() {
     g_Unload = TRUE;
     UnInitTimerInfrastructure();
@@ -179,6 +182,8 @@ KCSTATUS DllStop() {
     return KC_OK;
 }
 
+// Contract: severity does not count, so an error of code 0 maps to success; and failures are
+// positive numbers, since the values are not extended by their sign.
 HRESULT OsalMapStatusToHresult(KCSTATUS status) {
     switch (KC_CODE(status)) {
         case 0:

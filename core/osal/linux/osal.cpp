@@ -168,6 +168,7 @@ UINT32 OsalReleaseReference(PIOsal pThis) {
     // The count left is that of the decrement, not read again: another holder may by then have
     // dropped the last reference and freed the instance.
     const UINT32 left = decrement(instance->cReference);
+    // Contract: what was allocated through the instance stays as it is, and nobody can release it.
     if (left == 0) end_instance(instance);
     return left;
 }

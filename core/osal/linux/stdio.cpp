@@ -71,6 +71,7 @@ const __m128i* find_zero(const __m128i* units) {
 
 }  // namespace
 
+// Contract: counts what is equal and does not order; nothing compared counts as nothing equal.
 UINT32 KxCompareMemory(PIOsal, const void* pMemory1, const void* pMemory2, UINT32 Length) {
     if (pMemory1 == nullptr || pMemory2 == nullptr) return 0;
     const auto* a = static_cast<const UCHAR*>(pMemory1);
