@@ -1,7 +1,8 @@
 // Counting all files on the library's workers: one work item a file.
 //
 // Each item counts into a table of its own, which it then adds to the common one. A read/write lock
-// guards what is common: items write it, the progress bar reads it. The last item ends the wait for them all.
+// guards what is common: items write it, the progress bar reads it. The last item ends the wait for
+// them all.
 #pragma once
 
 #include <list>

@@ -1,8 +1,6 @@
 // Handles of the library that give themselves back.
 #pragma once
 
-#include <atomic>
-
 #include "client.h"
 
 namespace wordindex {
@@ -24,22 +22,6 @@ class Owned {
 
     const Client& client;
     HANDLE handle = nullptr;
-};
-
-// Stays signalled once it was. Asked again and again: the library has no events yet.
-class Event {
-  public:
-    explicit Event(const Client& owner) : client_(owner) {}
-    void signal() { signalled_ = true; }
-    void wait() const {
-        while (!signalled_)
-            client_.call<&IOsalVtbl::KxSleep>(kPoll_us);
-    }
-
-  private:
-    static constexpr UINT64 kPoll_us = 1000;
-    const Client& client_;
-    std::atomic<bool> signalled_ = false;
 };
 
 class ReadWriteLock : Owned<&IOsalVtbl::KxDestroyReadWriteLock> {
@@ -65,6 +47,36 @@ class Access {
 };
 using ReadAccess = Access<&ReadWriteLock::acquire_read>;
 using WriteAccess = Access<&ReadWriteLock::acquire_write>;
+
+// Something that happens once. Whoever waited for it may destroy it at once: it counts as signalled
+// only when the lock tells that nobody is still signalling.
+class Event : Owned<&IOsalVtbl::KxDestroyEvent> {
+  public:
+    explicit Event(const Client& owner) : Owned(owner), lock_(owner) {
+        made(client.call<&IOsalVtbl::KxAllocEvent>(KX_EVENT_TYPE{KxNotificationEvent}, &handle),
+             "an event");
+    }
+    void signal() {
+        WriteAccess access(lock_);
+        signalled_ = true;
+        client.call<&IOsalVtbl::KxSignalEvent>(handle, static_cast<BOOLEAN*>(nullptr));
+    }
+    // A wait may end early, so it proves nothing by itself.
+    void wait() {
+        do
+            client.call<&IOsalVtbl::KxWaitForSingleEvent>(handle, KX_WAIT_FOREVER);
+        while (!is_signalled());
+    }
+
+  private:
+    bool is_signalled() {
+        ReadAccess access(lock_);
+        return signalled_;
+    }
+
+    ReadWriteLock lock_;  // guards what follows
+    bool signalled_ = false;
+};
 
 // Must not go while it is queued.
 class WorkItem : Owned<&IOsalVtbl::KxDestroyWorkItem> {
