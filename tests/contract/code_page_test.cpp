@@ -12,6 +12,7 @@
 #include <map>
 
 #include "osal/conversion.h"
+#include "osal/linux/internal/init.h"
 #include "support/code_page.h"
 #include "support/faults.h"
 #include "support/recorders.h"
@@ -291,6 +292,21 @@ TEST(CodePage, ANameThatCannotBeCopiedFailsTheStart) {
         EXPECT_EQ(traced.lines[traced.lines.size() - 2],
                   (LoggedLine{kWarning, "Unable to allocate buffer for code page string"}));
         EXPECT_EQ(traced.lines.back(), (LoggedLine{kWarning, "CharConv init failed 0"}));
+    }
+}
+
+TEST(CodePage, AStartWithoutCodePagesBuildsOneStatus) {
+    setenv("TESSEL_CODE_PAGE", "850", 1);
+    for (int request : {1, 2}) {
+        LogRecorder log;
+        StatusRecorder statuses;
+        HeapFault fault(request);
+        const KCSTATUS status = OsalInitialize();
+        EXPECT_EQ(fault.requests(), request) << "nothing is tried after the failure";
+        statuses.expect_one(1, "init", "OsalInitialize");
+        EXPECT_EQ(status, error(1));
+        EXPECT_EQ(log.take(), (Lines{{kWarning, "CharConv init failed 0"}}));
+        EXPECT_EQ(pIOsal, nullptr);
     }
 }
 

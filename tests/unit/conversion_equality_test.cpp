@@ -2,12 +2,14 @@
 // output must be equal for every input, whatever way the library takes.
 //
 // Runs once per code page, named by the environment variable OSAL_TEST_PAGE. Random inputs:
-// OSAL_TEST_ROUNDS, with the seed OSAL_TEST_SEED, which a failure prints.
-#include <dirent.h>
+// OSAL_TEST_ROUNDS, with the seed OSAL_TEST_SEED, which a failure prints. OSAL_TEST_TEXT names a
+// file of UTF-8, compressed or not, for the test of a whole text.
+#include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
 #include <random>
 #include <sstream>
 
@@ -35,6 +37,39 @@ std::string hex(const Wide& units) {
     for (WCHAR unit : units)
         out << std::hex << unit << ' ';
     return out.str();
+}
+
+// The text of a file, which gzip passes on as it is if it is not compressed.
+std::string read_text(const std::string& path) {
+    std::string text;
+    FILE* pipe = popen(("gzip -dcf '" + path + "'").c_str(), "r");
+    if (pipe == nullptr) return text;
+    char part[4096];
+    while (const std::size_t size = fread(part, 1, sizeof part, pipe))
+        text.append(part, size);
+    pclose(pipe);
+    return text;
+}
+
+// UTF-8 in another charset by one call of iconv, which writes what a page lacks in other letters.
+std::string in_charset(const std::string& charset, std::string text) {
+    std::string result(text.size() * 8 + 16, 0);
+    char* in = text.data();
+    char* out = result.data();
+    std::size_t left = text.size();
+    std::size_t room = result.size();
+    iconv_t converter = iconv_open((charset + "//TRANSLIT").c_str(), "UTF-8");
+    EXPECT_NE(iconv(converter, &in, &left, &out, &room), std::size_t(-1)) << charset;
+    iconv_close(converter);
+    result.resize(result.size() - room);
+    return result;
+}
+
+Wide units_of(const std::string& text) {
+    const std::string bytes = in_charset("UTF-16LE", text);
+    Wide units(bytes.size() / sizeof(WCHAR));
+    std::memcpy(units.data(), bytes.data(), bytes.size());
+    return units;
 }
 
 // What a routine gave: the output is compared as far as the count says, and behind the count
@@ -145,6 +180,9 @@ class ConversionEquality : public testing::Test {
     std::string utf8_of(const Wide& units);
     void compare_all(const std::string& bytes);
     void compare_all(const Wide& units);
+    template <class Text>
+    void compare_by_lines(const Text& text);
+    void expect_convertible(const std::string& text);
 
     const char* const page;
     const unsigned seed;
@@ -242,6 +280,31 @@ void ConversionEquality::compare_all(const Wide& units) {
                   [&](UINT32 capacity) { compare_wide_to_utf8(units, capacity); });
 }
 
+// The whole text, then each line.
+template <class Text>
+void ConversionEquality::compare_by_lines(const Text& text) {
+    compare_all(text);
+    for (auto line = text.begin(); line != text.end() && !HasFatalFailure();) {
+        const auto end = std::find(line, text.end(), '\n');
+        compare_all(Text(line, end));
+        line = end == text.end() ? end : end + 1;
+    }
+}
+
+// So that the comparison of a text does not end at its first characters.
+void ConversionEquality::expect_convertible(const std::string& text) {
+    const Wide units = units_of(text);
+    EXPECT_EQ(utf8_of(units), text);
+    EXPECT_GE(bytes_of(units).size(), units.size());
+    if (std::strcmp(page, "UTF-7") == 0) return;  // in which a plus sign is no character
+    const std::string bytes = in_charset(page, text);
+    std::vector<WCHAR> out(bytes.size() + 1);
+    auto count = static_cast<UINT32>(out.size());
+    EXPECT_EQ(LocToUni(g_pOemCodePage, TRUE, bytes.data(), static_cast<UINT32>(bytes.size()),
+                       out.data(), &count),
+              0);
+}
+
 TEST_F(ConversionEquality, OfRandomText) {
     LogRecorder log;
     const long rounds = std::atol(from_environment("OSAL_TEST_ROUNDS", "2000"));
@@ -249,6 +312,18 @@ TEST_F(ConversionEquality, OfRandomText) {
         compare_all(random_bytes());
         compare_all(random_units());
     }
+}
+
+// Whole, and line by line: each line begins at another offset into the runs of the whole.
+TEST_F(ConversionEquality, OfAWholeText) {
+    const char* path = from_environment("OSAL_TEST_TEXT", "/usr/share/common-licenses/GPL-3");
+    if (access(path, R_OK) != 0) GTEST_SKIP() << "there is no " << path << " on this machine";
+    const std::string text = read_text(path);
+    ASSERT_GT(text.size(), 10'000u) << path;
+    expect_convertible(text);
+    compare_all(text);
+    compare_by_lines(in_charset(page, text));
+    compare_by_lines(units_of(text));
 }
 
 // Every unit behind a letter, and as the first one.
