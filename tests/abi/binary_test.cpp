@@ -27,7 +27,7 @@ using Names = std::set<std::string>;
 const std::string kOsal = OSAL_LIBRARY_DIR "/osal.so";
 const std::string kExports = OSAL_SOURCE_DIR "/tests/abi/exports/";
 
-bool exists(const std::string& path) {
+[[maybe_unused]] bool exists(const std::string& path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0;
 }
@@ -48,7 +48,7 @@ std::vector<std::string> words_of(const std::string& line) {
     return {std::istream_iterator<std::string>(stream), {}};
 }
 
-std::string contents_of(const std::string& path) {
+[[maybe_unused]] std::string contents_of(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }

@@ -32,7 +32,7 @@ KCSTATUS lock_server(LCM_IClassFactory*, BOOLEAN) {
 
 constexpr LCM_IClassFactoryVtbl kTable = {query_interface, add_reference, release, create_instance,
                                           lock_server};
-constinit LCM_IClassFactory factory = {&kTable};
+[[maybe_unused]] constinit LCM_IClassFactory factory = {&kTable};
 
 struct Unloading {
     ~Unloading() { component_event(COMPONENT_NAME, "unloaded"); }
