@@ -14,30 +14,34 @@ namespace {
 // Characters that go by the tables before a run is tried again.
 constexpr std::size_t kBatch = 16;
 
-// Takes a batch of bytes at once, as long as each is a unit. Nothing is written of a batch with one
-// that is not: it may end the text in fewer units, and what lies behind them is the caller's.
-void pass_unit_batches(const PageTables& tables, ToWide& at) {
-    while (std::min(at.left(), at.room()) >= kBatch) {
-        WCHAR units[kBatch];
-        UINT32 entries = 0;
-        for (std::size_t i = 0; i < kBatch; ++i) {
-            const UINT32 entry = tables.forward[at.in[i]];
-            entries |= entry;
-            units[i] = static_cast<WCHAR>(entry);
-        }
-        if (entries >= PageTables::kUnits) return;
-        std::memcpy(at.out, units, sizeof units);
-        at.advance(kBatch);
+using Forward = UINT32[256];
+
+// Takes a batch of bytes up to the first that is no unit, and returns how many.
+std::size_t pass_batch(const Forward& forward, const UCHAR* in, WCHAR* out) {
+#pragma GCC unroll 16
+    for (std::size_t i = 0; i < kBatch; ++i) {
+        const UINT32 entry = forward[in[i]];
+        if (entry >= PageTables::kUnits) return i;
+        out[i] = static_cast<WCHAR>(entry);
+    }
+    return kBatch;
+}
+
+void pass_unit_batches(const Forward& forward, ToWide& at) {
+    std::size_t passed = kBatch;
+    while (passed == kBatch && std::min(at.left(), at.room()) >= kBatch) {
+        passed = pass_batch(forward, at.in, at.out);
+        at.advance(passed);
     }
 }
 
 // Takes up to count characters of one or two bytes, which are there with room for their units.
 // Stops before one that the tables do not have.
-void pass_units(const PageTables& tables, ToWide& at, std::size_t count) {
+void pass_units(const PageTables& tables, const Forward& forward, ToWide& at, std::size_t count) {
     const UCHAR* in = at.in;
     WCHAR* out = at.out;
     for (; count > 0; --count) {
-        const UINT32 entry = tables.forward[*in];
+        const UINT32 entry = forward[*in];
         if (entry < PageTables::kUnits) {
             *out++ = static_cast<WCHAR>(entry);
             ++in;
@@ -68,15 +72,14 @@ Step pass_entry(const PageTables& tables, UINT32 entry, ToWide& at) {
     return Step::kGoOn;
 }
 
-Step pass_unit(const PageTables& tables, bool supports_euro, ToWide& at) {
+Step pass_unit(const PageTables& tables, const Forward& forward, ToWide& at) {
     if (at.room() == 0) return Step::kFailed;
-    const UINT32 entry = tables.forward[*at.in];
+    const UINT32 entry = forward[*at.in];
     if (entry == PageTables::kEscapeStart) {
         at.in += read_bracket(at.in, at.left(), *at.out++);
         return Step::kGoOn;
     }
-    if (entry != PageTables::kMaybeEuro) return pass_entry(tables, entry, at);
-    return pass_entry(tables, supports_euro ? tables.euro_byte : kEuro, at);
+    return pass_entry(tables, entry, at);
 }
 
 // Writes the bytes of an entry to out, which has room for two, and returns how many.
@@ -141,13 +144,14 @@ Step pass_character(const PageTables& tables, FromWide& at) {
 Outcome page_to_wide(const PageTables& tables, bool supports_euro, const CHAR* in, UINT32 length,
                      WCHAR* out, UINT32& count) {
     ToWide at = start(in, length, out, count);
+    const Forward& forward = tables.forward[supports_euro];
     const Stops stops('[', tables.odd_byte);
     while (at.in != at.in_end) {
         if (tables.widens_ascii) pass_run(at, stops);
-        if (tables.is_single_byte) pass_unit_batches(tables, at);
-        pass_units(tables, at, std::min({at.left() / 2, at.room(), kBatch}));
+        if (tables.is_single_byte) pass_unit_batches(forward, at);
+        pass_units(tables, forward, at, std::min({at.left() / 2, at.room(), kBatch}));
         if (at.in == at.in_end) break;
-        const Step step = pass_unit(tables, supports_euro, at);
+        const Step step = pass_unit(tables, forward, at);
         if (step != Step::kGoOn) return outcome_of(step);
     }
     count = static_cast<UINT32>(at.out - out);

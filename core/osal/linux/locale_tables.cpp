@@ -202,7 +202,6 @@ void add_rules(UINT32 (&forward)[kEntries]) {
     for (UCHAR separator : kSeparators)
         forward[separator] = separator;
     forward[UCHAR{'['}] = PageTables::kEscapeStart;
-    forward[kEuroByte] = PageTables::kMaybeEuro;
 }
 
 void add_rules(UINT32 high, Block& block) {
@@ -237,7 +236,7 @@ PageTables* new_tables(const CHAR* page, const UINT32 (&forward)[kEntries]) {
     auto* tables = new (memory) PageTables{};
     tables->name = page;
     tables->is_single_byte = count_leads(forward) == 0;
-    memcpy(tables->forward, forward, sizeof forward);
+    memcpy(tables->forward[1], forward, sizeof forward);
     for (auto& block : tables->back)
         block.store(&kUnknown, std::memory_order_relaxed);
     return tables;
@@ -245,10 +244,12 @@ PageTables* new_tables(const CHAR* page, const UINT32 (&forward)[kEntries]) {
 
 bool fill_forward(Converter& converter, PageTables& tables) {
     auto* trails = reinterpret_cast<Block*>(&tables + 1);
-    if (!ask_all_trails(converter, tables.forward, trails)) return false;
-    tables.euro_byte = tables.forward[kEuroByte];
-    add_rules(tables.forward);
-    tables.widens_ascii = is_ascii(tables.forward, tables.odd_byte);
+    auto& [without_euro, forward] = tables.forward;
+    if (!ask_all_trails(converter, forward, trails)) return false;
+    add_rules(forward);
+    memcpy(without_euro, forward, sizeof forward);
+    without_euro[kEuroByte] = kEuro;
+    tables.widens_ascii = is_ascii(forward, tables.odd_byte);
     return true;
 }
 

@@ -8,7 +8,8 @@
 namespace osal::fast {
 namespace {
 
-constexpr std::size_t kBatch = 16;
+// Characters that go one by one before a run is tried again.
+constexpr std::size_t kBatch = 32;
 constexpr std::size_t kLongest = 3;
 
 constexpr bool is_continuation(UCHAR byte) {
@@ -42,8 +43,8 @@ std::size_t encode(WCHAR unit, UCHAR* out) {
         return 1;
     }
     if (unit < 0x800) {
-        out[0] = static_cast<UCHAR>(0xC0 | unit >> 6);
-        out[1] = static_cast<UCHAR>(0x80 | (unit & 0x3F));
+        const auto bytes = static_cast<UINT16>(0x80C0 | unit >> 6 | (unit & 0x3F) << 8);
+        std::memcpy(out, &bytes, sizeof bytes);
         return 2;
     }
     out[0] = static_cast<UCHAR>(0xE0 | unit >> 12);
@@ -95,8 +96,9 @@ Outcome to_wide(bool supports_euro, const CHAR* in, UINT32 length, WCHAR* out, U
     const Stops stops(kPage ? '[' : 0xFF);
     while (at.in != at.in_end) {
         pass_run(at, stops);
+        const UCHAR* const before = at.in;
         pass_units<kPage>(at, std::min({at.left() / kLongest, at.room(), kBatch}));
-        if (at.in == at.in_end) break;
+        if (at.in != before || at.in == at.in_end) continue;
         const Step step = pass_unit<kPage>(at, supports_euro);
         if (step != Step::kGoOn) return outcome_of(step);
     }
@@ -108,8 +110,11 @@ Outcome to_wide(bool supports_euro, const CHAR* in, UINT32 length, WCHAR* out, U
 void pass_bytes(FromWide& at, std::size_t count) {
     const WCHAR* in = at.in;
     UCHAR* out = at.out;
-    for (; count > 0 && !is_surrogate(*in); --count)
-        out += encode(*in++, out);
+    for (; count > 0; --count, ++in) {
+        const WCHAR unit = *in;
+        if (is_surrogate(unit)) break;
+        out += encode(unit, out);
+    }
     at.in = in;
     at.out = out;
 }
@@ -144,9 +149,11 @@ Outcome from_wide(const WCHAR* in, UINT32 length, CHAR* out, UINT32& count) {
     Step step = pass_mark<kPage>(at);
     while (step == Step::kGoOn && at.in != at.in_end) {
         pass_run(at, stops);
+        const WCHAR* const before = at.in;
         if (at.room() > 0)
             pass_bytes(at, std::min({at.left(), (at.room() - 1) / kLongest, kBatch}));
-        if (at.in != at.in_end) step = pass_character<kPage>(at);
+        if (at.in != before || at.in == at.in_end) continue;
+        step = pass_character<kPage>(at);
     }
     if (step != Step::kGoOn) return outcome_of(step);
     count = static_cast<UINT32>(at.out - reinterpret_cast<UCHAR*>(out));

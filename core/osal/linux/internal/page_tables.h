@@ -18,8 +18,7 @@ struct PageTables {
     static constexpr UINT32 kUnits = 0x10000;        // everything below is a unit
     static constexpr UINT32 kLead = 0x10000;         // plus the number of a block of trails
     static constexpr UINT32 kEscapeStart = 0x20000;  // the opening bracket
-    static constexpr UINT32 kMaybeEuro = 0x20001;    // kEuroByte; its own entry is euro_byte
-    static constexpr UINT32 kAskSteps = 0x20002;     // for the plain steps to decide
+    static constexpr UINT32 kAskSteps = 0x20001;     // for the plain steps to decide
     // An entry of trails: a unit, or a surrogate, which no page yields, for the plain steps.
     static constexpr UINT16 kNoUnit = 0xD800;
     // An entry of back: a byte, two bytes with the first one high, or one of these.
@@ -31,8 +30,8 @@ struct PageTables {
     };
 
     const CHAR* name;
-    UINT32 forward[256];  // by first byte
-    UINT32 euro_byte;     // entry of kEuroByte as a byte like any other
+    // By first byte. The first one is for callers without a euro sign, who read kEuroByte as one.
+    UINT32 forward[2][256];
     bool is_single_byte;  // no byte is a lead byte
     bool widens_ascii;    // ASCII bytes are their units, but for odd_byte and the bracket
     bool narrows_ascii;   // ASCII units are their bytes, but for odd_unit
