@@ -56,8 +56,8 @@ void run_rounds(std::vector<Runner>& runners, int rounds) {
 void print_case(const Case& measured) {
     std::printf("  %s\n", measured.label.c_str());
     for (const Figure& figure : measured.figures)
-        std::printf("    %-34s %12.1f ns  (min %12.1f)  %7.2f x\n", figure.name.c_str(),
-                    figure.median, figure.minimum, figure.ratio);
+        std::printf("    %-34s %12.1f ns  (min %12.1f)  %9.*f x\n", figure.name.c_str(),
+                    figure.median, figure.minimum, figure.ratio < 0.1 ? 4 : 2, figure.ratio);
     std::fflush(stdout);
 }
 

@@ -40,12 +40,15 @@ std::string machine() {
            __VERSION__;
 }
 
-// Cases in order, cut where the group changes.
+// Groups in the order of their first case.
 std::vector<std::vector<Case>> groups_of(const std::vector<Case>& cases) {
     std::vector<std::vector<Case>> groups;
     for (const Case& one : cases) {
-        if (groups.empty() || groups.back().front().group != one.group) groups.emplace_back();
-        groups.back().push_back(one);
+        auto group = std::find_if(groups.begin(), groups.end(), [&](const std::vector<Case>& seen) {
+            return seen.front().group == one.group;
+        });
+        if (group == groups.end()) group = groups.emplace(groups.end());
+        group->push_back(one);
     }
     return groups;
 }
@@ -73,6 +76,10 @@ std::string time_text(Ns ns) {
     return format("%.1f ms", ns / 1e6);
 }
 
+std::string ratio_text(double ratio) {
+    return format(ratio < 0.1 ? "%.4f" : "%.2f", ratio);
+}
+
 void write_group(std::ofstream& file, const std::vector<Case>& group) {
     const auto names = names_of(group);
     file << "\n## " << group.front().group << "\n\n| |";
@@ -90,7 +97,7 @@ void write_group(std::ofstream& file, const std::vector<Case>& group) {
                 continue;
             }
             file << ' ' << time_text(figure->median) << " (" << time_text(figure->minimum)
-                 << "), **" << format("%.2f", figure->ratio) << "** |";
+                 << "), **" << ratio_text(figure->ratio) << "** |";
         }
     }
     file << '\n';
@@ -198,7 +205,7 @@ double bars(std::ofstream& svg, const std::vector<Case>& group, double top) {
                 "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"12\" fill=\"%s\"/>\n", left, y,
                 std::max(figure.ratio / most * width, 1.0), kColours[i % std::size(kColours)]);
             text(svg, left + figure.ratio / most * width + 5, y + 10, "start",
-                 format("%.2f x, ", figure.ratio) + time_text(figure.median));
+                 ratio_text(figure.ratio) + " x, " + time_text(figure.median));
         }
         y += 8;
     }

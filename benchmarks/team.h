@@ -12,9 +12,13 @@ namespace bench {
 
 class Team {
   public:
-    explicit Team(unsigned size) : elapsed_(size) {
+    // Threads are spread over so many cores.
+    explicit Team(unsigned size, unsigned cores = ~0u) : elapsed_(size) {
         for (unsigned who = 0; who < size; ++who)
-            threads_.emplace_back([this, who] { serve(who); });
+            threads_.emplace_back([this, who, cores] {
+                pin(who % cores);
+                serve(who);
+            });
     }
     ~Team() {
         work_ = nullptr;
@@ -46,7 +50,6 @@ class Team {
     }
 
     void serve(unsigned who) {
-        pin(who);
         for (unsigned seen = 0;; ++seen) {
             round_.wait(seen);
             if (work_ == nullptr) return;
