@@ -83,7 +83,7 @@ const Sample kSamples[] = {
      "The quick brown fox jumps over the lazy dog, again and again. "},
     {"Western, WINDOWS-1252", "WINDOWS-1252", KX_CODE_PAGE_OEM,
      "Zwölf Boxkämpfer jagen Viktor quer über den großen Sylter Deich; déjà vu à la carte. "},
-    {"Cyrillic, KOI8-R", "KOI8-R", KX_CODE_PAGE_OEM,
+    {"Cyrillic, WINDOWS-1251", "WINDOWS-1251", KX_CODE_PAGE_OEM,
      "Съешь же ещё этих мягких французских булок, да выпей чаю. "},
     {"Japanese, SJIS", "SJIS", KX_CODE_PAGE_OEM,
      "いろはにほへと ちりぬるを 我が世誰ぞ 常ならむ。東京特許許可局。"},
