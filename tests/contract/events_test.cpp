@@ -809,8 +809,10 @@ TEST_P(MultiWait, AnEventThatIsThereTwiceIsReportedAtItsFirstPlace) {
     HANDLE other = make(KxSynchronizationEvent);
     HANDLE twice = make(KxSynchronizationEvent);
     ConditionWaits waits([&](pthread_mutex_t* mutex, const timespec*) {
-        EXPECT_EQ(registrations(twice), 2u);
-        unlocked(mutex, [&] { signal(twice); });
+        unlocked(mutex, [&] {
+            EXPECT_EQ(registrations(twice), 2u);
+            signal(twice);
+        });
         return 0;
     });
     EXPECT_EQ(wait_any({other, twice, twice}, -1), 1u);
