@@ -2,8 +2,6 @@
 
 #include <stdio.h>
 
-#include <vector>
-
 #include "host/kcstatus.h"
 #include "host/lcm.h"
 
@@ -68,7 +66,7 @@ UINT64 now_100ns(const Client& client) {
     return now;
 }
 
-std::string Client::leftovers() const {
+std::vector<GEN_OSAL_STATS_INFO> Client::statistics() const {
     UINT32 size = 0;
     call<&IOsalVtbl::KxGetGeneralOsalStatistics>(&size, PVOID{nullptr});
     // In units of the record, so that the memory is aligned for it.
@@ -77,14 +75,17 @@ std::string Client::leftovers() const {
     const KCSTATUS status =
         call<&IOsalVtbl::KxGetGeneralOsalStatistics>(&size, PVOID{buffer.data()});
     if (KC_IS_ERROR(status)) throw failure("cannot read the usage counters", status);
+    const GEN_OSAL_STATS_INFO* first = buffer[0].GenOsalStatsInfo;
+    return {first, first + buffer[0].InterfaceCount};
+}
 
+std::string Client::leftovers() const {
     std::string found;
-    const GEN_OSAL_STATS_INFO* records = buffer[0].GenOsalStatsInfo;
-    for (UINT32 i = 0; i < buffer[0].InterfaceCount; ++i)
+    for (const GEN_OSAL_STATS_INFO& record : statistics())
         for (const InUse& counter : kInUse)
-            if (records[i].ModuleName == name_ && records[i].*counter.count != 0)
-                found += (found.empty() ? "" : ", ") + std::to_string(records[i].*counter.count) +
-                         " " + counter.what;
+            if (record.ModuleName == name_ && record.*counter.count != 0)
+                found += (found.empty() ? "" : ", ") + std::to_string(record.*counter.count) + " " +
+                         counter.what;
     return found;
 }
 

@@ -5,6 +5,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "osal/osal.h"
 
@@ -37,6 +38,9 @@ class Client {
     auto call(Arguments... arguments) const {
         return (instance_->lpVtbl->*Slot)(instance_, arguments...);
     }
+
+    // The usage counters of all instances, oldest first.
+    std::vector<GEN_OSAL_STATS_INFO> statistics() const;
 
     // What was taken from the library and not given back, in words; empty if there is nothing.
     std::string leftovers() const;

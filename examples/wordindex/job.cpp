@@ -9,6 +9,16 @@
 #include "interrupt.h"
 
 namespace wordindex {
+namespace {
+
+std::set<uid_t> owners_of(const std::vector<FoundFile>& files) {
+    std::set<uid_t> owners;
+    for (const FoundFile& file : files)
+        owners.insert(file.owner);
+    return owners;
+}
+
+}  // namespace
 
 Job::Task::Task(Job& owner, const FoundFile& found)
     : job(owner), file(found), item(owner.client_, &Job::routine, this) {}
@@ -16,11 +26,12 @@ Job::Task::Task(Job& owner, const FoundFile& found)
 Job::Job(const Client& client, std::vector<FoundFile> files, const Options& options)
     : client_(client),
       files_(std::move(files)),
+      buckets_(options.buckets),
       encoding_(options.encoding),
+      words_(client, options.buckets, owners_of(files_)),
       tasks_left_(static_cast<UINT32>(files_.size())),
       all_done_(client),
-      lock_(client),
-      table_(client, options.buckets) {
+      lock_(client) {
     progress_.all_files = files_.size();
     for (const FoundFile& file : files_)
         progress_.all_bytes += file.bytes;
@@ -34,7 +45,7 @@ void Job::run() {
     for (const Task& task : tasks)
         task.item.schedule();
     if (!tasks.empty()) all_done_.wait();
-    if (out_of_memory_) throw std::bad_alloc();
+    if (failure_) std::rethrow_exception(failure_);
     std::sort(unreadable_.begin(), unreadable_.end(),
               [](const Unreadable& a, const Unreadable& b) { return a.path < b.path; });
 }
@@ -50,9 +61,9 @@ void* Job::routine(HANDLE, void* context) {
     Job& job = task.job;
     try {
         job.count(task.file);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         WriteAccess access(job.lock_);
-        job.out_of_memory_ = true;
+        job.failure_ = std::current_exception();
     }
     job.finish_one();
     return nullptr;
@@ -60,10 +71,11 @@ void* Job::routine(HANDLE, void* context) {
 
 void Job::count(const FoundFile& file) {
     if (!advance(0)) return;
-    WordTable words(client_, table_.buckets());
+    WordTable words(client_, buckets_);
     Totals of_file;
     const int error = count_file(client_, file.path, encoding_, words, of_file,
                                  [this](std::size_t bytes) { return advance(bytes); });
+    if (error == 0) words_.add(file.owner, words);
     WriteAccess access(lock_);
     ++progress_.files;
     if (error == ECANCELED) return;
@@ -71,15 +83,14 @@ void Job::count(const FoundFile& file) {
         unreadable_.push_back({file.path, error});
         return;
     }
-    table_.absorb(words);
-    totals_ += of_file;
+    totals_[file.owner] += of_file;
 }
 
 // False if there is no point in going on.
 bool Job::advance(std::size_t bytes) {
     WriteAccess access(lock_);
     progress_.bytes += bytes;
-    return !out_of_memory_ && !interrupted();
+    return !failure_ && !interrupted();
 }
 
 void Job::finish_one() {

@@ -5,12 +5,15 @@
 // them all.
 #pragma once
 
+#include <exception>
 #include <list>
+#include <map>
 #include <vector>
 
 #include "count.h"
 #include "options.h"
 #include "resources.h"
+#include "vocabulary.h"
 #include "walk.h"
 
 namespace wordindex {
@@ -34,8 +37,8 @@ class Job {
     Progress progress();
 
     // After run.
-    const WordTable& table() const { return table_; }
-    const Totals& totals() const { return totals_; }
+    const Vocabulary& words() const { return words_; }
+    const std::map<uid_t, Totals>& totals() const { return totals_; }  // by owner
     const std::vector<Unreadable>& unreadable() const { return unreadable_; }
 
   private:
@@ -55,16 +58,17 @@ class Job {
 
     const Client& client_;
     const std::vector<FoundFile> files_;
+    const UINT32 buckets_;
     const Encoding encoding_;
+    Vocabulary words_;
     UINT32 tasks_left_;  // changed by interlocked operations
     Event all_done_;
 
     ReadWriteLock lock_;  // guards what follows
-    WordTable table_;
-    Totals totals_;
+    std::map<uid_t, Totals> totals_;
     Progress progress_;
     std::vector<Unreadable> unreadable_;
-    bool out_of_memory_ = false;
+    std::exception_ptr failure_;  // of any task: nothing goes on after it
 };
 
 }  // namespace wordindex

@@ -12,6 +12,7 @@
 #include "options.h"
 #include "progress_bar.h"
 #include "report.h"
+#include "statistics.h"
 #include "walk.h"
 
 namespace wordindex {
@@ -28,20 +29,27 @@ void complain(const std::vector<Unreadable>& unreadable) {
         fprintf(stderr, "wordindex: %s: %s\n", path.c_str(), strerror(error));
 }
 
+bool count_was_cut_short(Job& job, const Totals& totals) {
+    if (!interrupted()) return false;
+    fprintf(stderr, "wordindex: interrupted: %zu of %zu files are counted\n",
+            std::size_t(totals.files), std::size_t(job.progress().all_files));
+    return true;
+}
+
 int index_folder(const Client& client, const Options& options) {
     const UINT64 start = now_100ns(client);
     std::vector<Unreadable> folders;
     Job job(client, find_files(options.folder, folders), options);
     count(client, job, isatty(STDERR_FILENO) && !options.machine_readable);
-    if (!print_report(client, options, job.totals(), job.table(), now_100ns(client) - start))
+    Summary summary(client, options.buckets);
+    summarize(job, summary);
+    summary.elapsed_100ns = now_100ns(client) - start;
+    if (!print_report(client, options, summary))
         throw Failure(std::string("cannot write the result: ") + strerror(errno));
+    if (options.statistics) print_statistics(client, job.words());
     complain(folders);
     complain(job.unreadable());
-    if (interrupted()) {
-        fprintf(stderr, "wordindex: interrupted: %zu of %zu files are counted\n",
-                std::size_t(job.totals().files), std::size_t(job.progress().all_files));
-        return kInterrupted;
-    }
+    if (count_was_cut_short(job, summary.totals)) return kInterrupted;
     return folders.empty() && job.unreadable().empty() ? kDone : kSomeUnreadable;
 }
 

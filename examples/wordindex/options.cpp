@@ -41,7 +41,10 @@ bool read_options(int argc, char** argv, Options& options, int* exit_code) {
         ->default_str("utf-8");
     app.add_flag("-m,--machine-readable", options.machine_readable,
                  "Print \"name<TAB>number\" lines for the totals, an empty line, and\n"
-                 "\"count<TAB>word\" lines");
+                 "\"count<TAB>word\" lines; the totals end with a line for each owner:\n"
+                 "\"owner<TAB>user id<TAB>files<TAB>bytes<TAB>words<TAB>distinct\"");
+    app.add_flag("-s,--stats", options.statistics,
+                 "Print the library's usage counters and objects to standard error");
     try {
         app.parse(argc, argv);
         return true;

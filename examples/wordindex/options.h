@@ -13,6 +13,8 @@ struct Options {
     UINT32 buckets = 1021;
     Encoding encoding = Encoding::kUtf8;
     bool machine_readable = false;
+    bool statistics = false;
+    bool verbose = false;
 };
 
 // What the program ends with.

@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <inttypes.h>
+#include <pwd.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -27,45 +28,54 @@ struct Line {
     std::string word;
 };
 
-std::string in_terminals_page(const Client& client, WideText word) {
-    std::string text(word.size() * 6, 0);  // no unit takes more: an escape
-    UINT32 size = static_cast<UINT32>(text.size());
-    const KCSTATUS status = client.call<&IOsalVtbl::KxWideCharToMultiByte>(
-        KX_CODE_PAGE_OEM, word.data(), static_cast<INT32>(word.size()), text.data(), &size);
-    if (KC_IS_ERROR(status)) throw failure("cannot print a word", status);
-    text.resize(size);
-    return text;
+std::string user_name(uid_t user) {
+    const passwd* known = getpwuid(user);
+    return known != nullptr ? known->pw_name : std::to_string(user);
 }
 
-void print_for_people(const Totals& totals, UINT64 distinct, UINT64 elapsed_100ns,
+void print_figures(const Totals& totals, UINT64 distinct) {
+    printf("%" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " words, %" PRIu64 " distinct",
+           totals.files, totals.bytes, totals.words, distinct);
+}
+
+void print_for_people(const Client& client, const Summary& summary,
                       const std::vector<Line>& lines) {
     for (const Line& line : lines)
         printf("%10" PRIu64 "  %s\n", line.count, line.word.c_str());
-    const double ms = static_cast<double>(elapsed_100ns) / 1e4;
-    printf("%s%" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " words, %" PRIu64
-           " distinct, %.1f ms (%.1f MB/s)\n",
-           lines.empty() ? "" : "\n", totals.files, totals.bytes, totals.words, distinct, ms,
-           ms > 0 ? static_cast<double>(totals.bytes) / 1e3 / ms : 0);
+    if (!lines.empty()) puts("");
+    for (const auto& [user, owner] : summary.owners) {
+        printf("%s: ", user_name(user).c_str());
+        print_figures(owner.totals, owner.distinct);
+        if (owner.distinct != 0) printf(", most often %s", to_oem(client, owner.top_word).c_str());
+        puts("");
+    }
+    print_figures(summary.totals, summary.words.distinct());
+    const double ms = static_cast<double>(summary.elapsed_100ns) / 1e4;
+    printf(", %.1f ms (%.1f MB/s)\n", ms,
+           ms > 0 ? static_cast<double>(summary.totals.bytes) / 1e3 / ms : 0);
 }
 
-void print_for_machines(const Totals& totals, UINT64 distinct, UINT64 elapsed_100ns,
-                        const std::vector<Line>& lines) {
+void print_for_machines(const Client&, const Summary& summary, const std::vector<Line>& lines) {
     printf("files\t%" PRIu64 "\nbytes\t%" PRIu64 "\nwords\t%" PRIu64 "\ndistinct\t%" PRIu64
-           "\nelapsed_us\t%" PRIu64 "\n\n",
-           totals.files, totals.bytes, totals.words, distinct, elapsed_100ns / 10);
+           "\nelapsed_us\t%" PRIu64 "\n",
+           summary.totals.files, summary.totals.bytes, summary.totals.words,
+           summary.words.distinct(), summary.elapsed_100ns / 10);
+    for (const auto& [user, owner] : summary.owners)
+        printf("owner\t%u\t%" PRIu64 "\t%" PRIu64 "\t%" PRIu64 "\t%" PRIu64 "\n", user,
+               owner.totals.files, owner.totals.bytes, owner.totals.words, owner.distinct);
+    puts("");
     for (const Line& line : lines)
         printf("%" PRIu64 "\t%s\n", line.count, line.word.c_str());
 }
 
 }  // namespace
 
-bool print_report(const Client& client, const Options& options, const Totals& totals,
-                  const WordTable& table, UINT64 elapsed_100ns) {
+bool print_report(const Client& client, const Options& options, const Summary& summary) {
     const auto print = options.machine_readable ? print_for_machines : print_for_people;
     std::vector<Line> lines;
-    for (const Word* word : top_words(table, options.top))
-        lines.push_back({word->count, in_terminals_page(client, word->view())});
-    print(totals, table.distinct(), elapsed_100ns, lines);
+    for (const Word* word : top_words(summary.words, options.top))
+        lines.push_back({word->count, to_oem(client, word->view())});
+    print(client, summary, lines);
     return fflush(stdout) == 0;
 }
 

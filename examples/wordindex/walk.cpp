@@ -48,7 +48,8 @@ std::vector<FoundFile> find_files(const std::string& folder, std::vector<Unreada
         switch (entry->fts_info) {
             case FTS_F:
                 if (names.is_first(*entry->fts_statp))
-                    files.push_back({entry->fts_path, uint64_t(entry->fts_statp->st_size)});
+                    files.push_back({entry->fts_path, uint64_t(entry->fts_statp->st_size),
+                                     entry->fts_statp->st_uid});
                 break;
             case FTS_DNR:
             case FTS_ERR:

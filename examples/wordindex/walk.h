@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@ namespace wordindex {
 struct FoundFile {
     std::string path;
     uint64_t bytes;  // when it was found
+    uid_t owner;     // likewise
 };
 
 // A file or folder that could not be read, and why (an errno value).

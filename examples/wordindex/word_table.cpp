@@ -14,21 +14,15 @@ WordTable::~WordTable() {
             client_.call<&IOsalVtbl::KxFreeMemory>(Word::of(entry));
 }
 
-void WordTable::add(WideText word) {
-    const PLIST_ENTRY bucket = bucket_of(word.data());
-    if (Word* known = find(bucket, word)) {
-        ++known->count;
-        return;
+void WordTable::add(WideText text, UINT64 occurrences) {
+    const PLIST_ENTRY bucket = bucket_of(text.data());
+    Word* word = find(bucket, text);
+    if (word == nullptr) {
+        word = make(text);
+        client_.call<&IOsalVtbl::KxInsertHeadList>(bucket, &word->link);
+        ++distinct_;
     }
-    client_.call<&IOsalVtbl::KxInsertHeadList>(bucket, &make(word)->link);
-    ++distinct_;
-}
-
-void WordTable::absorb(WordTable& other) {
-    for (LIST_ENTRY& bucket : other.buckets_)
-        while (PLIST_ENTRY entry = client_.call<&IOsalVtbl::KxRemoveHeadList>(&bucket))
-            take(Word::of(entry));
-    other.distinct_ = 0;
+    word->count += occurrences;
 }
 
 std::vector<const Word*> WordTable::words() const {
@@ -56,22 +50,10 @@ Word* WordTable::make(WideText text) {
     void* block = nullptr;
     if (size <= UINT32_MAX) block = client_.call<&IOsalVtbl::KxAllocPagedMemory>(UINT32(size));
     if (block == nullptr) throw std::bad_alloc();
-    Word* word = new (block) Word{{}, 1, UINT32(text.size())};
-    client_.call<&IOsalVtbl::KxCopyMemory>(
-        PVOID{word->text()}, static_cast<const void*>(text.data()), UINT32(text_size));
+    Word* word = new (block) Word{{}, 0, UINT32(text.size())};
+    client_.call<&IOsalVtbl::KxCopyMemory>(PVOID{word + 1}, static_cast<const void*>(text.data()),
+                                           UINT32(text_size));
     return word;
-}
-
-// Adds a word of another table to this one's count, or links it in.
-void WordTable::take(Word* word) {
-    const PLIST_ENTRY bucket = bucket_of(word->text());
-    if (Word* known = find(bucket, word->view())) {
-        known->count += word->count;
-        client_.call<&IOsalVtbl::KxFreeMemory>(word);
-    } else {
-        client_.call<&IOsalVtbl::KxInsertHeadList>(bucket, &word->link);
-        ++distinct_;
-    }
 }
 
 }  // namespace wordindex

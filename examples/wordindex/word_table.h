@@ -4,14 +4,11 @@
 // used by one thread at a time.
 #pragma once
 
-#include <string_view>
 #include <vector>
 
-#include "client.h"
+#include "text.h"
 
 namespace wordindex {
-
-using WideText = std::basic_string_view<WCHAR>;
 
 // One word of a table, which allocates and frees it. The text follows the record, zero-terminated.
 struct Word {
@@ -19,8 +16,8 @@ struct Word {
     UINT64 count;
     UINT32 length;  // units, without the terminator
 
-    PWCHAR text() { return reinterpret_cast<PWCHAR>(this + 1); }
-    WideText view() const { return {reinterpret_cast<const WCHAR*>(this + 1), length}; }
+    const WCHAR* text() const { return reinterpret_cast<const WCHAR*>(this + 1); }
+    WideText view() const { return {text(), length}; }
     static Word* of(PLIST_ENTRY entry) { return reinterpret_cast<Word*>(entry); }
 };
 
@@ -31,14 +28,10 @@ class WordTable {
     WordTable(const WordTable&) = delete;
     WordTable& operator=(const WordTable&) = delete;
 
-    // Counts one occurrence. A zero must follow the word.
-    void add(WideText word);
-
-    // Takes all words of another table, which is empty afterwards.
-    void absorb(WordTable& other);
+    // Counts one occurrence, or as many as given. A zero must follow the word.
+    void add(WideText word, UINT64 occurrences = 1);
 
     UINT64 distinct() const { return distinct_; }
-    UINT32 buckets() const { return static_cast<UINT32>(buckets_.size()); }
 
     // All words, in no order; valid as long as the table is not changed.
     std::vector<const Word*> words() const;
@@ -47,7 +40,6 @@ class WordTable {
     PLIST_ENTRY bucket_of(const WCHAR* text);
     static Word* find(PLIST_ENTRY bucket, WideText word);
     Word* make(WideText word);
-    void take(Word* word);
 
     const Client& client_;
     std::vector<LIST_ENTRY, PoolAllocator<LIST_ENTRY>> buckets_;
