@@ -12,6 +12,7 @@
 #include "options.h"
 #include "progress_bar.h"
 #include "report.h"
+#include "settings.h"
 #include "statistics.h"
 #include "walk.h"
 
@@ -36,7 +37,7 @@ bool count_was_cut_short(Job& job, const Totals& totals) {
     return true;
 }
 
-int index_folder(const Client& client, const Options& options) {
+int index_folder(const Client& client, const Options& options, const Note& note) {
     const UINT64 start = now_100ns(client);
     std::vector<Unreadable> folders;
     Job job(client, find_files(options.folder, folders), options);
@@ -50,13 +51,19 @@ int index_folder(const Client& client, const Options& options) {
     complain(folders);
     complain(job.unreadable());
     if (count_was_cut_short(job, summary.totals)) return kInterrupted;
+    write_last_run(client, options.folder, summary, note);
     return folders.empty() && job.unreadable().empty() ? kDone : kSomeUnreadable;
 }
 
-int run(const Options& options) {
+int run(Options options, const Settings& chosen) {
     catch_interrupt();
     const Client client("wordindex");
-    const int exit_code = index_folder(client, options);
+    const Note note = [verbose = options.verbose](const std::string& what) {
+        if (verbose) fprintf(stderr, "wordindex: note: %s\n", what.c_str());
+    };
+    apply(read_settings(client, note), options);
+    apply(chosen, options);
+    const int exit_code = index_folder(client, options, note);
     if (const std::string left = client.leftovers(); !left.empty())
         throw Failure("not given back to the library: " + left);
     return exit_code;
@@ -69,8 +76,10 @@ int main(int argc, char** argv) {
     using namespace wordindex;
     try {
         Options options;
+        Settings chosen;
         int exit_code = kDone;
-        return read_options(argc, argv, options, &exit_code) ? run(options) : exit_code;
+        return read_options(argc, argv, options, chosen, &exit_code) ? run(options, chosen)
+                                                                     : exit_code;
     } catch (const std::bad_alloc&) {
         fprintf(stderr, "wordindex: out of memory\n");
     } catch (const std::exception& error) {

@@ -20,24 +20,47 @@ constexpr const char* kExitCodes =
     "Ctrl-C, the files counted\n"
     "until then are reported.";
 
-constexpr UINT32 kMostBuckets = 1u << 24;
+constexpr const char* kRegistry =
+    "\nThe registry key wordindex may hold the settings Buckets and Top (numbers) and Encoding "
+    "(text).\n"
+    "wordindex\\LastRun holds the folder and the figures of the last run; while it exists, that "
+    "folder is\n"
+    "the default. Options given here win.\n";
+
+template <class T>
+void override_with(const std::optional<T>& chosen, T& value) {
+    if (chosen) value = *chosen;
+}
 
 }  // namespace
 
-bool read_options(int argc, char** argv, Options& options, int* exit_code) {
+const std::map<std::string, Encoding>& encodings() {
+    static const std::map<std::string, Encoding> all = {{"utf-8", Encoding::kUtf8},
+                                                        {"oem", Encoding::kOem}};
+    return all;
+}
+
+void apply(const Settings& settings, Options& options) {
+    override_with(settings.folder, options.folder);
+    override_with(settings.top, options.top);
+    override_with(settings.buckets, options.buckets);
+    override_with(settings.encoding, options.encoding);
+}
+
+bool read_options(int argc, char** argv, Options& options, Settings& settings, int* exit_code) {
     CLI::App app(kPurpose, "wordindex");
-    app.footer(kExitCodes);
-    app.add_option("-f,--folder,folder", options.folder, "Folder to index")
+    app.footer(std::string(kRegistry) + kExitCodes);
+    app.add_option("-f,--folder,folder", settings.folder, "Folder to index")
         ->check(CLI::ExistingDirectory)
-        ->capture_default_str();
-    app.add_option("-n,--top", options.top, "Words to print; 0 prints all")->capture_default_str();
-    app.add_option("-b,--buckets", options.buckets, "Hash buckets of the word table")
+        ->default_str(options.folder);
+    app.add_option("-n,--top", settings.top, "Words to print; 0 prints all")
+        ->default_str(std::to_string(options.top));
+    app.add_option("-b,--buckets", settings.buckets, "Hash buckets of the word table")
         ->check(CLI::Range(1u, kMostBuckets))
-        ->capture_default_str();
-    app.add_option("-e,--encoding", options.encoding,
+        ->default_str(std::to_string(options.buckets));
+    app.add_option("-e,--encoding", settings.encoding,
                    "Encoding of the files: utf-8, or oem for the code page of the locale")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, Encoding>{{"utf-8", Encoding::kUtf8}, {"oem", Encoding::kOem}}))
+        ->transform(CLI::CheckedTransformer(encodings()))
         ->default_str("utf-8");
     app.add_flag("-m,--machine-readable", options.machine_readable,
                  "Print \"name<TAB>number\" lines for the totals, an empty line, and\n"
@@ -45,6 +68,7 @@ bool read_options(int argc, char** argv, Options& options, int* exit_code) {
                  "\"owner<TAB>user id<TAB>files<TAB>bytes<TAB>words<TAB>distinct\"");
     app.add_flag("-s,--stats", options.statistics,
                  "Print the library's usage counters and objects to standard error");
+    app.add_flag("-v,--verbose", options.verbose, "Tell what is wrong with the registry");
     try {
         app.parse(argc, argv);
         return true;

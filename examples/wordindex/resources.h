@@ -9,7 +9,9 @@ namespace wordindex {
 template <auto Destroy>
 class Owned {
   public:
-    ~Owned() { client.call<Destroy>(handle); }
+    ~Owned() {
+        if (handle != nullptr) client.call<Destroy>(handle);
+    }
     Owned(const Owned&) = delete;
     Owned& operator=(const Owned&) = delete;
 
