@@ -40,7 +40,10 @@ struct Pthread {
     void lock() { pthread_mutex_lock(&mutex); }
     void unlock() { pthread_mutex_unlock(&mutex); }
     void wait() { pthread_cond_wait(&condition, &mutex); }
-    void wake() { pthread_cond_signal(&condition); }
+    void unlock_and_wake() {
+        unlock();
+        pthread_cond_signal(&condition);
+    }
 };
 
 struct Standard {
@@ -54,7 +57,10 @@ struct Standard {
         condition.wait(held);
         held.release();
     }
-    void wake() { condition.notify_one(); }
+    void unlock_and_wake() {
+        unlock();
+        condition.notify_one();
+    }
 };
 
 #ifdef HAVE_GLIB
@@ -65,7 +71,10 @@ struct Glib {
     void lock() { g_mutex_lock(&mutex); }
     void unlock() { g_mutex_unlock(&mutex); }
     void wait() { g_cond_wait(&condition, &mutex); }
-    void wake() { g_cond_signal(&condition); }
+    void unlock_and_wake() {
+        unlock();
+        g_cond_signal(&condition);
+    }
 };
 #endif
 
@@ -83,7 +92,10 @@ struct Apr {
     void lock() { apr_thread_mutex_lock(mutex); }
     void unlock() { apr_thread_mutex_unlock(mutex); }
     void wait() { apr_thread_cond_wait(condition, mutex); }
-    void wake() { apr_thread_cond_signal(condition); }
+    void unlock_and_wake() {
+        unlock();
+        apr_thread_cond_signal(condition);
+    }
 };
 #endif
 
@@ -95,7 +107,11 @@ struct Nspr {
     void lock() { PR_Lock(mutex); }
     void unlock() { PR_Unlock(mutex); }
     void wait() { PR_WaitCondVar(condition, PR_INTERVAL_NO_TIMEOUT); }
-    void wake() { PR_NotifyCondVar(condition); }
+    // Has to be told under the lock, and wakes when that is given back.
+    void unlock_and_wake() {
+        PR_NotifyCondVar(condition);
+        unlock();
+    }
 };
 #endif
 
@@ -107,7 +123,10 @@ struct Abseil {
     void lock() { mutex.Lock(); }
     void unlock() { mutex.Unlock(); }
     void wait() { condition.Wait(&mutex); }
-    void wake() { condition.Signal(); }
+    void unlock_and_wake() {
+        unlock();
+        condition.Signal();
+    }
 };
 #endif
 
@@ -119,10 +138,9 @@ class MadeUpEvent {
     explicit MadeUpEvent(PIOsal) {}
     void set() {
         parts_.lock();
-        const bool wake = !set_;
+        if (set_) return parts_.unlock();
         set_ = true;
-        parts_.unlock();
-        if (wake) parts_.wake();
+        parts_.unlock_and_wake();
     }
     void reset() {
         parts_.lock();
