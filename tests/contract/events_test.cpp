@@ -1,4 +1,5 @@
 // Events and waits, by export and by slot.
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -394,7 +395,7 @@ TEST_P(SingleWait, AResetDoesNotHoldBackAWaiterThatWasWoken) {
 }
 
 timespec fixed_now;
-pthread_t clock_owner;
+std::atomic<pthread_t> clock_owner;  // looked at by the timer thread too
 int fixed_clock(clockid_t clock, timespec* time) {
     if (!pthread_equal(pthread_self(), clock_owner)) return clock_gettime(clock, time);
     EXPECT_EQ(clock, CLOCK_REALTIME);
