@@ -12,22 +12,14 @@ constexpr const char* kFooter =
     "root and ~/.local/state/orvane/registry.db for others.\n"
     "Example: osalctl registry set wordindex BucketCount 4096 --type uint32";
 
-int run(CLI::App& app, int argc, char** argv) try {
+int parse(CLI::App& app, int argc, char** argv) try {
     app.parse(argc, argv);
     return osalctl::kDone;
 } catch (const CLI::ParseError& problem) {
     return app.exit(problem) == 0 ? osalctl::kDone : osalctl::kUsage;
-} catch (const osalctl::Failure& problem) {
-    std::fprintf(stderr, "osalctl: %s\n", problem.what());
-    return problem.exit;
-} catch (const std::exception& problem) {
-    std::fprintf(stderr, "osalctl: %s\n", problem.what());
-    return osalctl::kFailed;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     CLI::App app("Looks at osal.so and its registry.", "osalctl");
     osalctl::Options options;
     app.add_flag("--json", options.json, "Print JSON instead of text");
@@ -36,5 +28,20 @@ int main(int argc, char** argv) {
     app.footer(kFooter);
     osalctl::add_registry_commands(app, options);
     osalctl::add_info_commands(app, options);
-    return run(app, argc, argv);
+    return parse(app, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    return run(argc, argv);
+} catch (const osalctl::Failure& problem) {
+    std::fprintf(stderr, "osalctl: %s\n", problem.what());
+    return problem.exit;
+} catch (const std::exception& problem) {
+    std::fprintf(stderr, "osalctl: %s\n", problem.what());
+    return osalctl::kFailed;
+} catch (...) {
+    std::fputs("osalctl: ended by an unknown exception\n", stderr);
+    return osalctl::kFailed;
 }
