@@ -658,6 +658,37 @@ TEST_P(RegistryKeys, ANameThatTakesTheRoomToItsEndDoesNotFit) {
     }
 }
 
+// The name of a value always finds a work buffer, so the failure of line 962 cannot arise: not in
+// the least room, nor where the sum of name and room just passes 32 bits.
+TEST_P(RegistryKeys, EveryNameThatFitsHasRoomToBeConverted) {
+    for (UINT32 units = 1; units < 40; ++units) {
+        const std::u16string name(units, u'n');
+        for (UINT32 length = 24; length < 24 + 2 * 40 + 3; ++length) {
+            Output out(length);
+            const bool fits = length - 24 > 2 * (units + 1);
+            EXPECT_EQ(query(out, name.c_str()), fits ? KC_OK : error(7));
+            for (const auto& built : statuses.take())
+                EXPECT_EQ(built.line, 928u) << units << ' ' << length;
+        }
+    }
+    registry.take();
+    Output out(29);
+    ASSERT_EQ(query(out, u"n"), KC_OK);
+    EXPECT_EQ(registry.take(), (Calls{"Query(1234, \"n\", 0, &, &7)"}));
+}
+
+TEST_P(RegistryKeys, ALengthOfFourGigabytesIsNoWorkBufferOfNoBytes) {
+    Output out(100);
+    HeapFault fault(1, true);
+    for (UINT32 units = 9; units < 15; ++units) {
+        const std::u16string name(units, u'n');
+        EXPECT_EQ(CALL(KxQueryValueKey)(osal, key, wide(name.c_str()), out.bytes(), ~UINT32{0},
+                                        &out.result),
+                  error(5));
+        expect_failure("KxQueryValueKey", 5, 1053);
+    }
+}
+
 TEST_P(RegistryKeys, AQueryPassesTheNameAndTheRoomThatIsLeft) {
     registry.data = "12345";
     Output out(60);

@@ -251,6 +251,8 @@ KCSTATUS query_value(PIOsal pThis, HANDLE key, KX_KEY_VALUE_INFORMATION* record,
     const auto work_size = static_cast<std::size_t>(room.size) + 2 * std::size_t{name_size};
     Buffer work(work_size);
     if (!work) return fail(kQueryMemory);
+    // Contract: a check of the table that no call can fail. The name has a unit and a terminator at
+    // least and there is a byte of room, so the work buffer has nine bytes or more.
     auto name_length = static_cast<UINT32>(work_size - 1);
     if (name_length == 0) return fail(kQueryNameBuffer);
     KCSTATUS status =
