@@ -50,6 +50,7 @@ timespec clock_now;
 clockid_t clock_asked;
 
 int stand_in_clock(clockid_t clock, timespec* now) {
+    if (!Interpose::made_here()) return clock_gettime(clock, now);
     clock_asked = clock;
     *now = clock_now;
     return 0;

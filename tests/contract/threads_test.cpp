@@ -281,7 +281,9 @@ TEST_P(Threads, AnInterruptedWaitIsATimeOutAndAnyOtherFailureCodeOne) {
     StatusRecorder statuses;
     static int result;
     Interpose wait(
-        "osal.so", "pthread_cond_wait", +[](pthread_cond_t*, pthread_mutex_t*) { return result; });
+        "osal.so", "pthread_cond_wait", +[](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+            return Interpose::made_here() ? result : pthread_cond_wait(condition, mutex);
+        });
     const struct {
         int result;
         UINT32 code;

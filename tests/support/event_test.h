@@ -45,7 +45,7 @@ inline bool mutex_is_free(HANDLE handle) {
 
 // Takes the place of the condition waits of the thread that makes it; those of other threads go on
 // as ever. The body gets the condition's mutex locked, as the platform does; no deadline stands for
-// a wait without limit. One object at a time.
+// a wait without limit. One object at a time on a thread.
 class ConditionWaits {
   public:
     using Body = std::function<int(pthread_mutex_t*, const timespec*)>;
@@ -58,26 +58,25 @@ class ConditionWaits {
     ~ConditionWaits() {
         timed_.reset();
         untimed_.reset();
+        current_ = nullptr;
     }
     int count() const { return count_; }
 
   private:
     static int wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-        if (!pthread_equal(pthread_self(), current_->thread_))
-            return pthread_cond_wait(condition, mutex);
+        if (current_ == nullptr) return pthread_cond_wait(condition, mutex);
         ++current_->count_;
         return current_->body_(mutex, nullptr);
     }
     static int timed_wait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                           const timespec* deadline) {
-        if (!pthread_equal(pthread_self(), current_->thread_))
-            return pthread_cond_timedwait(condition, mutex, deadline);
+        if (current_ == nullptr) return pthread_cond_timedwait(condition, mutex, deadline);
         ++current_->count_;
         return current_->body_(mutex, deadline);
     }
 
-    static inline ConditionWaits* current_ = nullptr;
-    const pthread_t thread_ = pthread_self();
+    // The thread's own: workers on their way to sleep come by here as well.
+    static inline thread_local ConditionWaits* current_ = nullptr;
     Body body_;
     int count_ = 0;
     std::optional<Interpose> untimed_;

@@ -101,6 +101,7 @@ Interpose::Interpose(const char* library, const char* symbol, void* replacement)
         return;
     }
     original_ = *slots_.front();
+    ++made_here_;
     for (void** slot : slots_) {
         make_writable(slot);
         __atomic_store_n(slot, replacement, __ATOMIC_SEQ_CST);
@@ -108,8 +109,10 @@ Interpose::Interpose(const char* library, const char* symbol, void* replacement)
 }
 
 Interpose::~Interpose() {
+    if (slots_.empty()) return;
     for (void** slot : slots_)
         __atomic_store_n(slot, original_, __ATOMIC_SEQ_CST);
+    --made_here_;
 }
 
 }  // namespace osal_test

@@ -1,8 +1,8 @@
 // Puts a function in front of what one loaded library imports, for the life of an object.
 //
 // Works on the library's own import slots, so only its calls are redirected: not those of the test,
-// of gtest or of other libraries. That holds under every sanitizer. Not for use while other threads
-// make the call.
+// of gtest or of other libraries. That holds under every sanitizer. The library's own threads may
+// come by at any time; a stand-in for what they call as well asks made_here() first.
 #pragma once
 
 #include <vector>
@@ -21,6 +21,9 @@ class Interpose {
     Interpose(const Interpose&) = delete;
     Interpose& operator=(const Interpose&) = delete;
 
+    // True on a thread that has made such objects and not ended them all.
+    static bool made_here() { return made_here_ != 0; }
+
     // What the library would have called.
     void* original() const { return original_; }
     template <class Function>
@@ -29,6 +32,7 @@ class Interpose {
     }
 
   private:
+    static inline thread_local int made_here_ = 0;
     std::vector<void**> slots_;
     void* original_ = nullptr;
 };
