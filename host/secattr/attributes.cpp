@@ -15,12 +15,14 @@ Record* record_of(PAttribute attribute) {
 }
 static_assert(offsetof(Record, attribute) == 0);
 
-void take_access(Record* record, UINT32 access) {
+// Fails for a thread that holds the attribute exclusively already.
+KCSTATUS take_access(Record* record, UINT32 access) {
     const IOsalVtbl* osal = store.osal->lpVtbl;
     if (access == KX_OBJECT_EXCLUSIVE)
-        osal->KxAcquireLockForWriteAccess(store.osal, record->access_lock, TRUE);
-    else if (access == KX_OBJECT_SHARED)
-        osal->KxAcquireLockForReadAccess(store.osal, record->access_lock, TRUE);
+        return osal->KxAcquireLockForWriteAccess(store.osal, record->access_lock, TRUE);
+    if (access == KX_OBJECT_SHARED)
+        return osal->KxAcquireLockForReadAccess(store.osal, record->access_lock, TRUE);
+    return KC_OK;
 }
 
 void give_access(Record* record) {
@@ -35,7 +37,17 @@ void drop(Record* record) {
     slots(record->home)->DereferenceObject(record->home, record, KX_OBJECT_NO_ACCESS);
 }
 
-// The attribute manager's delete routine: the last reference of a detached attribute went.
+// Gives a caller an attribute that was referenced for it, with the access asked for.
+KCSTATUS hand_out(Record* record, UINT32 access, PAttribute* out) {
+    const KCSTATUS status = take_access(record, access);
+    if (is_error(status))
+        drop(record);
+    else
+        *out = &record->attribute;
+    return status;
+}
+
+// Delete routine of an attribute's object: the last reference of a detached attribute went.
 KCSTATUS end_attribute(PVOID object) {
     auto* record = static_cast<Record*>(object);
     if (record->release != nullptr) record->release(&record->attribute);
@@ -61,10 +73,10 @@ class TypeReference {
     TypeReference& operator=(const TypeReference&) = delete;
 
     Type* get() const { return type_; }
-    // Deletes the type, which goes with its last reference.
-    void end() {
+    // Nobody finds the type from now on; it goes with its last reference.
+    void withdraw() const {
+        slots(store.types)->IncrementReference(store.types, type_);
         slots(store.types)->DeleteObject(store.types, type_, KX_OBJECT_NO_ACCESS);
-        type_ = nullptr;
     }
     Type* operator->() const { return type_; }
 
@@ -81,6 +93,7 @@ struct Creation {
     Type* type;
     void* init_data;
     PSA_INIT_ROUTINE init;
+    UINT32 access;
 };
 
 // Init routine of an attribute's object.
@@ -93,24 +106,44 @@ KCSTATUS begin_attribute(PVOID object, PVOID init_data) {
     record->release = creation->type->release;
     KCSTATUS status = store.osal->lpVtbl->KxAllocReadWriteLock(store.osal, &record->access_lock);
     if (is_error(status)) return status;
+    // Before anybody else can see the attribute: nobody comes in between, and a creator never waits
+    // for an access while others wait behind it.
+    take_access(record, creation->access);
     if (creation->init != nullptr) status = creation->init(&record->attribute, creation->init_data);
-    if (is_error(status))
+    if (is_error(status)) {
+        if (is_access(creation->access)) give_access(record);
         store.osal->lpVtbl->KxDestroyReadWriteLock(store.osal, record->access_lock);
+    }
     return status;
 }
 
-// Finds or makes an attribute; the caller has a reference of it either way.
+// Finds or makes an attribute on a listed context; the caller has a reference of it either way, and
+// the access if it was made. Caller holds membership.
 KCSTATUS find_or_begin(Creation* creation, Record** record, UINT32* opened) {
     IOM* home = creation->type->attributes;
     PVOID object = nullptr;
     const KCSTATUS status = slots(home)->CreateObject(
         home, creation, begin_attribute, &creation->context, is_on_context,
         bucket_of(creation->context), KX_OBJECT_NO_ACCESS, KX_OBJECT_NO_ACCESS, &object, opened);
+    if (!is_error(status)) *record = static_cast<Record*>(object);
+    return status;
+}
+
+// The same on a context that may have to begin. That is done under the exclusive lock, so that a
+// context which gets no attribute after all goes again before anybody saw it. An attribute, once
+// its init routine accepted it, stays: nothing that can fail comes after.
+KCSTATUS find_or_create(Creation* creation, Record** record, UINT32* opened) {
+    {
+        Membership lock(Membership::kShared);
+        if (is_listed(creation->context)) return find_or_begin(creation, record, opened);
+    }
+    Membership lock(Membership::kExclusive);
+    bool begun = false;
+    KCSTATUS status = begin_context(creation->context, &begun);
     if (is_error(status)) return status;
-    *record = static_cast<Record*>(object);
-    const KCSTATUS begun = begin_context(creation->context);
-    if (is_error(begun)) drop(*record);
-    return begun;
+    status = find_or_begin(creation, record, opened);
+    if (is_error(status) && begun) end_context(creation->context);
+    return status;
 }
 
 // Takes an attribute off its context. Caller holds membership exclusively and a reference, which
@@ -210,12 +243,12 @@ KCSTATUS SARegisterAttribute(PISA, const GUID* pComponentId, UINT32 dataSize,
 KCSTATUS SADeregisterAttribute(PISA, HANDLE hAttribute) {
     TypeReference type(hAttribute);
     if (type.get() == nullptr) return fail(KC_CODE_INVALID_HANDLE);
+    type.withdraw();
     Record* detached;
     {
         Membership lock(Membership::kExclusive);
         detached = detach_type(type.get());
     }
-    type.end();
     finish_detached(detached, false);
     return KC_OK;
 }
@@ -226,18 +259,17 @@ KCSTATUS SACreate(PISA, SCHANDLE hSC, HANDLE hAttribute, void* pInitData, PSA_IN
     if (ppAttribute == nullptr || is_every_context(hSC)) return fail(KC_CODE_INVALID_ARGUMENT);
     TypeReference type(hAttribute);
     if (type.get() == nullptr) return fail(KC_CODE_INVALID_HANDLE);
-    Creation creation = {hSC, type.get(), pInitData, pInit};
+    Creation creation = {hSC, type.get(), pInitData, pInit, createAccess};
     Record* record = nullptr;
     UINT32 opened = 0;
-    {
-        Membership lock(Membership::kShared);
-        const KCSTATUS status = find_or_begin(&creation, &record, &opened);
-        if (is_error(status)) return status;
-    }
-    take_access(record, opened == KX_OBJECT_CREATED ? createAccess : openAccess);
-    *ppAttribute = &record->attribute;
-    if (pOpenedMode != nullptr) *pOpenedMode = opened;
-    return KC_OK;
+    KCSTATUS status = find_or_create(&creation, &record, &opened);
+    if (is_error(status)) return status;
+    if (opened == KX_OBJECT_CREATED)
+        *ppAttribute = &record->attribute;
+    else
+        status = hand_out(record, openAccess, ppAttribute);
+    if (!is_error(status) && pOpenedMode != nullptr) *pOpenedMode = opened;
+    return status;
 }
 
 KCSTATUS SADereference(PISA, UINT32 access, PAttribute pAttribute) {
@@ -267,9 +299,7 @@ KCSTATUS SAReference(PISA, SCHANDLE hSC, HANDLE hAttribute, UINT32 access,
     // Not logged: a context without an attribute is nothing out of the ordinary.
     if (record == nullptr)
         return KC_MAKE_STATUS(KC_SEVERITY_ERROR, KC_FACILITY_SECATTR, KC_CODE_INVALID_HANDLE);
-    take_access(record, access);
-    *ppAttribute = &record->attribute;
-    return KC_OK;
+    return hand_out(record, access, ppAttribute);
 }
 
 KCSTATUS SAGetSCHandle(PISA, PAttribute pAttribute, PSCHANDLE phSC) {
@@ -293,16 +323,12 @@ KCSTATUS SAEnumerate(PISA, const GUID* pComponentId, HANDLE hAttribute, PSCHANDL
                                 ->EnumerateObjects(type->attributes, &phEnum->hId, &choice,
                                                    is_chosen, KX_OBJECT_NO_ACCESS, &object);
     if (is_error(status)) return status;
-    auto* record = static_cast<Record*>(object);
-    take_access(record, access);
-    *ppAttribute = &record->attribute;
-    return KC_OK;
+    return hand_out(static_cast<Record*>(object), access, ppAttribute);
 }
 
 KCSTATUS SAAcquire(PISA, UINT32 access, PAttribute pAttribute) {
     if (pAttribute == nullptr || !is_access(access)) return fail(KC_CODE_INVALID_ARGUMENT);
-    take_access(record_of(pAttribute), access);
-    return KC_OK;
+    return take_access(record_of(pAttribute), access);
 }
 
 KCSTATUS SARelease(PISA, PAttribute pAttribute) {

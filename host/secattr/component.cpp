@@ -41,7 +41,7 @@ KCSTATUS hand_out(void* interface, void** out) {
 }
 
 KCSTATUS factory_query(LCM_IClassFactory* This, const GUID* pIId, void** ppInterface) {
-    if (ppInterface == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
+    if (pIId == nullptr || ppInterface == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
     *ppInterface = nullptr;
     if (*pIId != IID_IUnknown && *pIId != IID_IClassFactory) return fail(KC_CODE_UNSUPPORTED);
     return hand_out(This, ppInterface);
@@ -66,6 +66,11 @@ KCSTATUS factory_lock(LCM_IClassFactory*, BOOLEAN fLock) {
     return KC_OK;
 }
 
+HRESULT to_result(KCSTATUS status) {
+    if (!is_error(status)) return KC_S_OK;
+    return KC_CODE(status) == KC_CODE_UNSUPPORTED ? KC_E_NOINTERFACE : KC_E_CREATE_FAILED;
+}
+
 constexpr LCM_IClassFactoryVtbl kFactoryTable = {factory_query, factory_add_reference,
                                                  factory_release, factory_create, factory_lock};
 
@@ -84,7 +89,7 @@ UINT32 drop_reference() {
 }
 
 KCSTATUS query_attribute_manager(const GUID* iid, void** out) {
-    if (out == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
+    if (iid == nullptr || out == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
     *out = nullptr;
     if (*iid != IID_IUnknown && *iid != IID_IContextAttribute_1 &&
         *iid != IID_IPassiveContextAttribute_1)
@@ -93,7 +98,7 @@ KCSTATUS query_attribute_manager(const GUID* iid, void** out) {
 }
 
 KCSTATUS query_context_manager(const GUID* iid, void** out) {
-    if (out == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
+    if (iid == nullptr || out == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
     *out = nullptr;
     if (*iid != IID_IUnknown && *iid != IID_ISecurityContext_1) return fail(KC_CODE_UNSUPPORTED);
     return hand_out(&context_manager, out);
@@ -123,8 +128,7 @@ HRESULT DllGetClassObject(const GUID* pClassID, const GUID* pIID, PVOID* ppInter
     for (Factory& factory : factories)
         if (*pClassID == *factory.class_id) {
             auto* unknown = reinterpret_cast<LCM_IClassFactory*>(&factory);
-            const KCSTATUS status = factory_query(unknown, pIID, ppInterface);
-            return is_error(status) ? KC_E_NOINTERFACE : KC_S_OK;
+            return to_result(factory_query(unknown, pIID, ppInterface));
         }
     return KC_E_NOINTERFACE;
 }

@@ -14,17 +14,6 @@ UINT32 Release(PISecurityContext) {
     return drop_reference();
 }
 
-// Finds a context's object and references it; null if there is none.
-PVOID find(SCHANDLE context) {
-    const auto is_context = [](PVOID object, PVOID wanted) -> BOOLEAN {
-        return same(static_cast<Context*>(object)->handle, *static_cast<SCHANDLE*>(wanted));
-    };
-    PVOID object = nullptr;
-    const KCSTATUS status = store.contexts->lpVtbl->FindObject(
-        store.contexts, &context, is_context, bucket_of(context), KX_OBJECT_NO_ACCESS, &object);
-    return is_error(status) ? nullptr : object;
-}
-
 KCSTATUS OpenContext(PISecurityContext, UINT64 userId, UINT64 sessionId, PSCHANDLE phSC) {
     const SCHANDLE context = {reinterpret_cast<HANDLE>(userId),
                               reinterpret_cast<HANDLE>(sessionId)};
@@ -36,16 +25,14 @@ KCSTATUS OpenContext(PISecurityContext, UINT64 userId, UINT64 sessionId, PSCHAND
 }
 
 KCSTATUS EndContext(PISecurityContext, SCHANDLE hSC) {
-    Record* detached;
-    PVOID object;
+    Record* detached = nullptr;
+    bool listed;
     {
         Membership lock(Membership::kExclusive);
-        object = find(hSC);
-        if (object != nullptr)
-            store.contexts->lpVtbl->DeleteObject(store.contexts, object, KX_OBJECT_NO_ACCESS);
-        detached = detach_all(hSC);
+        listed = end_context(hSC);
+        if (listed) detached = detach_all(hSC);
     }
-    if (object == nullptr && detached == nullptr) return fail(KC_CODE_INVALID_HANDLE);
+    if (!listed) return fail(KC_CODE_INVALID_HANDLE);
     finish_detached(detached, true);
     return KC_OK;
 }
@@ -53,6 +40,7 @@ KCSTATUS EndContext(PISecurityContext, SCHANDLE hSC) {
 KCSTATUS EnumerateContexts(PISecurityContext, PHANDLE pScan, PSCHANDLE phSC) {
     if (pScan == nullptr || phSC == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
     PVOID object = nullptr;
+    Membership lock(Membership::kShared);
     const KCSTATUS status = store.contexts->lpVtbl->EnumerateObjects(
         store.contexts, pScan, nullptr, nullptr, KX_OBJECT_NO_ACCESS, &object);
     if (is_error(status)) return status;

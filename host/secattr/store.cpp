@@ -22,6 +22,18 @@ KCSTATUS set_context(PVOID object, PVOID wanted) {
     return KC_OK;
 }
 
+// The object of a context, referenced; null if it is not listed.
+PVOID find_context(SCHANDLE context) {
+    PVOID object = nullptr;
+    const KCSTATUS status = store.contexts->lpVtbl->FindObject(
+        store.contexts, &context, is_context, bucket_of(context), KX_OBJECT_NO_ACCESS, &object);
+    return is_error(status) ? nullptr : object;
+}
+
+void drop_context(PVOID object) {
+    store.contexts->lpVtbl->DereferenceObject(store.contexts, object, KX_OBJECT_NO_ACCESS);
+}
+
 KCSTATUS end_type(PVOID object) {
     IOM* attributes = static_cast<Type*>(object)->attributes;
     attributes->lpVtbl->Release(attributes);
@@ -84,14 +96,29 @@ void end_store() {
     store = {};
 }
 
-KCSTATUS begin_context(SCHANDLE context) {
+bool is_listed(SCHANDLE context) {
+    PVOID object = find_context(context);
+    if (object != nullptr) drop_context(object);
+    return object != nullptr;
+}
+
+KCSTATUS begin_context(SCHANDLE context, bool* begun) {
     PVOID object = nullptr;
+    UINT32 opened = 0;
     const KCSTATUS status = store.contexts->lpVtbl->CreateObject(
         store.contexts, &context, set_context, &context, is_context, bucket_of(context),
-        KX_OBJECT_NO_ACCESS, KX_OBJECT_NO_ACCESS, &object, nullptr);
-    if (!is_error(status))
-        store.contexts->lpVtbl->DereferenceObject(store.contexts, object, KX_OBJECT_NO_ACCESS);
-    return status;
+        KX_OBJECT_NO_ACCESS, KX_OBJECT_NO_ACCESS, &object, &opened);
+    if (is_error(status)) return status;
+    drop_context(object);
+    if (begun != nullptr) *begun = opened == KX_OBJECT_CREATED;
+    return KC_OK;
+}
+
+bool end_context(SCHANDLE context) {
+    PVOID object = find_context(context);
+    if (object != nullptr)
+        store.contexts->lpVtbl->DeleteObject(store.contexts, object, KX_OBJECT_NO_ACCESS);
+    return object != nullptr;
 }
 
 Membership::Membership(Mode mode) {

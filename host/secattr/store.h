@@ -8,9 +8,10 @@
 // deleted or its manager goes.
 //
 // Locks: Store::membership (a read/write lock of the services) is held shared while an attribute is
-// added, and exclusively while attributes are taken off their contexts; no routine of a client but
-// the init routine is called with it held. Each attribute has a read/write lock of its own for its
-// access, taken with nothing else held.
+// added to a listed context, and exclusively while a context begins with its first attribute or
+// attributes are taken off their contexts; no routine of a client but the init routine is called
+// with it held. Each attribute has a read/write lock of its own for its access, waited for with
+// nothing else held.
 #pragma once
 
 #include "host/secattr.h"
@@ -84,8 +85,11 @@ KCSTATUS query_context_manager(const GUID* iid, void** out);
 UINT32 add_reference();
 UINT32 drop_reference();
 
-// Sees to it that a context is listed. Caller holds membership shared.
-KCSTATUS begin_context(SCHANDLE context);
+// The list of contexts. Caller holds membership, exclusively to end one. *begun, unless the pointer
+// is null: it was not listed before.
+bool is_listed(SCHANDLE context);
+KCSTATUS begin_context(SCHANDLE context, bool* begun = nullptr);
+bool end_context(SCHANDLE context);  // false: not listed
 
 // Takes every attribute of a context off it. Caller holds membership exclusively, and passes the
 // result to finish_detached once it is released.

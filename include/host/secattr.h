@@ -1,18 +1,49 @@
 /* The security-attribute manager: a component of the host product that hangs attributes on security
  * contexts.
  *
- * osal.so's security-context object manager obtains it from the component runtime by
- * CLSID_SecurityAttributeManager and keeps its per-context object managers in it. A product may
- * bring its own; secattr.so (host/secattr) is a small, complete one. What osal.so relies on is
- * marked (!).
+ * A security context is whatever the product says it is, a user's session for one; an SCHANDLE
+ * names it. Here it is a name only: nothing is opened behind it and no right is checked. The pair
+ * that is all ones names every context and is never one itself.
  *
  * A component registers an attribute type under a GUID. Each context then has at most one attribute
- * of each type; its data area has the registered size and starts zeroed. References are counted: an
- * attribute that is handed out stays until it is dereferenced, even if its context ends meanwhile.
+ * of each type, with a data area of the type's size. osal.so keeps its security-context objects
+ * (osal/iscom.h) this way: the attribute of an object type on a context is the object manager of
+ * that context's objects.
  *
- * Access values, wherever an argument is called access: 1 exclusive, 2 shared, 0 none. A call that
- * hands an attribute out with an access returns when that access was got, and SADereference with
- * the same value gives it back.
+ * BRINGING ONE'S OWN. secattr.so (host/secattr) is a small, complete manager. A product may put
+ * another in its place: a component (osal/component.h) that serves CLSID_SecurityAttributeManager
+ * and gives an ISA for both IID_IContextAttribute_1 and IID_IPassiveContextAttribute_1. osal.so
+ * asks for the first one for object types whose access level has the bit of value 2 set, for the
+ * second one otherwise, so that a product may serve them differently; secattr.so does not. osal.so
+ * calls Release, SARegisterAttribute, SADeregisterAttribute, SACreate, SAReference, SADereference
+ * and SAEnumerate and no other slot; what it relies on is marked (!).
+ *
+ * STATUSES. Success is 0. Errors are of facility KC_FACILITY_SECATTR and logged through the status
+ * library under the name of the operation, but for the three that are nothing out of the ordinary:
+ * no attribute on a context, the end of an enumeration, and what others returned - an init routine,
+ * the services (memory, locks), the object managers - which is passed on unchanged. Only the code,
+ * the low 16 bits, counts to osal.so. An operation that fails leaves its results as they were
+ * unless it says otherwise. Null pointers to results and null attributes give code 4.
+ *
+ * ACCESS. Wherever an argument is called access: 1 exclusive, 2 shared, any other value none. An
+ * access is a read/write lock on one attribute, for its users to agree on; the manager itself takes
+ * none. A call that hands an attribute out with an access returns when that access was got, however
+ * long that takes, and SADereference with the same value, on the same thread, gives it back. A
+ * thread that holds an attribute exclusively gets no further access of it: code 0x1002. One that
+ * holds it shared may get it shared again unless another thread waits for it exclusively meanwhile,
+ * when both would wait for ever.
+ *
+ * THREADS. (!) All operations may be called by any thread at any time, while the component lives;
+ * they may block, for an access and while another thread begins or ends attributes. They are no
+ * cancellation points, and not for signal handlers.
+ *
+ * ROUTINES. Clean-up and release routines are called with nothing of the manager held: they may
+ * call it, for any context. Init and compare routines run with it locked and must not call it, nor
+ * wait for a thread that does. A routine that ends its thread leaves the manager locked.
+ *
+ * NOT CHECKED. That pThis is the interface; that an attribute is one that was handed out and not
+ * given back; that the access given back is held; that the component is not stopped while somebody
+ * has an interface or an attribute of it.
  */
 #ifndef HOST_SECATTR_H
 #define HOST_SECATTR_H
@@ -23,23 +54,29 @@
 
 OSAL_BEGIN_DECLS
 
-/* An attribute as its users see it. The manager owns the record and the data. */
+/* An attribute as its users see it. (!) The manager owns the record and the data; neither moves or
+ * goes while the attribute is referenced, whatever becomes of its context. */
 typedef struct _Attribute_ {
-    SCHANDLE hSC; /* the context it hangs on */
-    PVOID pData;  /* its data, of the registered size, aligned to 8 bytes */
+    SCHANDLE hSC; /* (!) the context it hangs on; does not change */
+    PVOID pData;  /* (!) its data, of the registered size in bytes, aligned to 8 bytes */
 } Attribute, *PAttribute;
 
-/* Called once for each context of a registered type when the context ends. */
+/* Called once for each context that ends with an attribute of the type on it, by the thread that
+ * ends it, before the release routine; the attribute is off the context by then. */
 typedef void (*PSA_CLEANUP_ROUTINE)(SCHANDLE hSC);
 
-/* Called once for each attribute before its data goes; on any thread, also while other contexts are
- * in use. It may call the manager, but for the attribute it was called for. */
+/* (!) Called once for each attribute that came to be, when it is off its context and its last
+ * reference is given back; the data go right after. On whatever thread does that, also while others
+ * use other contexts. Not called for an attribute whose creation failed. That of osal.so ends all
+ * objects of the context, and so calls the delete routines of its clients. */
 typedef void (*PSA_RELEASE_ROUTINE)(PAttribute pAttribute);
 
-/* Fills the data of a new attribute. An error status cancels the creation. */
+/* Fills the zeroed data of a new attribute, of which nobody else knows yet. (!) An error status
+ * cancels the creation. (!) After success it can no longer fail: what the routine stored belongs to
+ * the attribute, and to its creator after every error. */
 typedef KCSTATUS (*PSA_INIT_ROUTINE)(PAttribute pAttribute, void* pInitData);
 
-/* Chooses attributes in an enumeration: only 1 takes one. */
+/* Chooses attributes in an enumeration: only exactly 1 takes one. */
 typedef BOOLEAN (*PSA_COMPARE_ROUTINE)(PAttribute pAttribute, void* pCompareData);
 
 typedef struct ISA ISA, *PISA;
@@ -73,24 +110,53 @@ typedef struct ISA ISA, *PISA;
 
 #define SECATTR_ISA_SLOT_COUNT 13
 
-/* The operations, all safe on any thread:
+/* The operations.
  *
- * SARegisterAttribute  makes an attribute type of the given data size; both routines may be null.
- *                      *phAttribute names it from then on. Registering a GUID again makes a
- * further, independent type. SADeregisterAttribute ends a type: its attributes go as if their
- * contexts ended, without the clean-up routine. SACreate             hands out the type's attribute
- * on a context, which begins with its first one. New: pInit is called on its zeroed data,
- * *pOpenedMode is 1 and the caller holds createAccess. (!) It existed already, also because another
- * thread came first: pInit is not called, *pOpenedMode is 2 and the caller holds openAccess. An
- * error status of pInit is returned unchanged and nothing stays. SADelete             takes the
- * attribute off its context; access is what the caller holds and gives up. It goes with its last
- * reference. SAReference          (!) hands out an existing attribute; code 3 if the context has
- * none. SADereference        (!) gives a reference and an access back. SAGetSCHandle        copies
- * the attribute's context. SAEnumerate          (!) hands out the next context's attribute of the
- * type. The caller zeroes both cursors at the start, and keeps them between calls. pComponentId may
- * name the type if hAttribute is null. Contexts are visited oldest first; ones that begin or end
- * meanwhile do not disturb a scan. Code 9 at the end, cursors unchanged. SAAcquire, SARelease take
- * and give an access of a referenced attribute.
+ * QueryInterface: the same manager under another identifier (IID_IUnknown is one), referenced. Code
+ * 2: not one of them, *ppInterface is null. Code 4: null argument.
+ *
+ * AddRef, Release: (!) count references of the interface and return the new count. secattr.so gives
+ * everybody the one static manager: nothing ends with the last reference.
+ *
+ * SARegisterAttribute: (!) makes a type whose attributes have dataSize bytes of data; (!)
+ * *phAttribute names it until it is deregistered. Both routines may be null. The GUID is copied;
+ * registering it again makes a further, independent type. Code 4: null pComponentId, or dataSize
+ * close to 2^32; code 5: no memory. *phAttribute is null after an error.
+ *
+ * SADeregisterAttribute: (!) ends a type. Its handle is refused from then on; its attributes come
+ * off their contexts and are released, without the clean-up routine, those still referenced by
+ * whoever gives the last reference back. Code 3: no such type. osal.so does not look at the result.
+ *
+ * SACreate: hands out the type's attribute on a context, which begins with its first one. (!) New:
+ * pInit, which may be null, was called, *pOpenedMode is 1 and the caller holds createAccess, which
+ * it had before anybody else could see the attribute. (!) It existed already, also because another
+ * thread came first: pInit is not called, *pOpenedMode is 2 and the caller holds openAccess. (!)
+ * After an error there is neither an attribute nor a context that was not there before. pOpenedMode
+ * may be null. Code 3: no such type; 4: hSC names every context; 5 and others: no memory, no lock.
+ *
+ * SADelete: takes an attribute off its context, without the clean-up routine, and gives up the
+ * caller's reference and the access it holds. It is released with its last reference. One that is
+ * off already only loses the reference.
+ *
+ * SAReference: (!) hands out an existing attribute. (!) Code 3: the context has none of the type,
+ * or there is no such type.
+ *
+ * SADereference: (!) gives a reference and the access held back. The attribute must not be touched
+ * any more. osal.so does not look at the result, and never calls it with an object's lock held.
+ *
+ * SAGetSCHandle: copies the attribute's context.
+ *
+ * SAEnumerate: (!) hands out the next context's attribute of the type, with the access. The caller
+ * zeroes both cursors at the start and keeps them between the calls, by any threads in turn; what
+ * is in them is the manager's. hAttribute names the type; if it is null, pComponentId names the
+ * oldest type of that GUID. pCompare may be null and chooses. (!) The order is the manager's own,
+ * in secattr.so that of its slots. An attribute that is there from the first call to the last comes
+ * exactly once; ones that begin or end meanwhile may come or not, and disturb nothing. (!) Code 9
+ * at the end, the cursors unchanged: calling again may bring what has begun since. Code 3: no such
+ * type.
+ *
+ * SAAcquire, SARelease: take and give back an access of an attribute that the caller has a
+ * reference of. Code 4: an access other than 1 and 2.
  */
 typedef struct ISAVtbl {
 #define SECATTR_TABLE_FIELD(number, field, result, arguments) result(*field) arguments;
@@ -105,8 +171,8 @@ struct ISA {
 /* Security contexts: of the class CLSID_SecurityContextManager, identifier IID_ISecurityContext_1.
  * The natural partner of the attribute manager; osal.so does not use it.
  *
- * A context begins when it is opened or gets its first attribute, and ends by EndContext. All
- * operations are safe on any thread. */
+ * A context begins when it is opened or gets its first attribute, and ends by EndContext only. What
+ * is said above of statuses, threads and routines holds here too. */
 typedef struct ISecurityContext ISecurityContext, *PISecurityContext;
 
 typedef struct ISecurityContextVtbl {
@@ -115,19 +181,22 @@ typedef struct ISecurityContextVtbl {
     UINT32 (*Release)(PISecurityContext pThis);
 
     /* Opens the context of a user id and a session id: hTypeId is the first, hId the second, so the
-     * same pair always gives the same context. Opening an open one changes nothing. Code 4: null
-     * phSC, or both ids all ones, which names every context. */
+     * same pair always gives the same context. Opening one that is there changes nothing; opens are
+     * not counted. Code 4: null phSC, or both ids all ones, which names every context; 5: no
+     * memory. */
     KCSTATUS(*OpenContext)
     (PISecurityContext pThis, UINT64 userId, UINT64 sessionId, PSCHANDLE phSC);
 
-    /* Ends a context: takes its attributes off it, calls for each the clean-up routine of its type
-     * and, once the last reference of the attribute was given back, the release routine. From
-     * inside a routine of an attribute manager's client it may be called for other contexts only.
-     * Code 3: there is no such context. */
+    /* Ends a context: takes all attributes off it at once, so that from then on none is found, and
+     * calls for each the clean-up routine of its type and, once the last reference of the attribute
+     * was given back, the release routine. It does not wait for that. The name may be used again at
+     * once, then for a context that begins anew. Of several threads that end one context, one does.
+     * Not to be called from an init or compare routine. Code 3: there is no such context. */
     KCSTATUS (*EndContext)(PISecurityContext pThis, SCHANDLE hSC);
 
-    /* Lists contexts, one a call: *pScan is 0 for the first and kept by the caller. Contexts that
-     * begin or end meanwhile do not disturb it. Code 9 at the end, 4 for a null pointer. */
+    /* Lists contexts, one a call, in no order: *pScan is null for the first and kept by the caller.
+     * One that is there from the first call to the last comes exactly once; ones that begin or end
+     * meanwhile may come or not. Code 9 at the end, *pScan unchanged. */
     KCSTATUS (*EnumerateContexts)(PISecurityContext pThis, PHANDLE pScan, PSCHANDLE phSC);
 } ISecurityContextVtbl;
 

@@ -37,23 +37,43 @@ typedef struct _ScanData {
     SCHANDLE hLastSC;     /* the context whose objects are being scanned */
 } ISCOM_SCAN_DATA, *PISCOM_SCAN_DATA;
 
-/* Initialize: pComponentId names the object type to the attribute manager. objectSize is the size
- * of the client's data in bytes, near 2^32 refused with code 4. accessLevel without its top four
- * bits is 0, 2 or 3, and objectsPerBlock at most 255, else code 4. Any of the top four bits asks
- * for deferred deletion. pDeallocateRoutine is ignored. Initialising again is not refused: it first
- * gives the old type up, and with it its objects, as the last Release does. CreateObject: finds by
- * pCompareRoutine (none: finds nothing) in bucket CompareIndex, or creates. *pOpenedMode (may be
- * null) is 1 for a new object, held with createAccess, 2 for an existing one, held with openAccess:
- * 0 none, 1 exclusive, 2 shared. An error of pInitRoutine is returned unchanged.
- * ReferenceObjectByHandle: the look-up status if the context has no objects yet.
+/* The operations. Not checked: that pThis and pUserData are what they should be, but for null.
+ *
+ * Initialize: pComponentId names the object type to the attribute manager and is copied. objectSize
+ * is the size of the client's data in bytes; near 2^32 it is refused with code 4. accessLevel
+ * without its top four bits is 0, 2 or 3, and objectsPerBlock at most 255, else code 4. Any of the
+ * top four bits asks for deferred deletion. hashSize and permBlocks are those of each context.
+ * pDeleteRoutine may be null, pDeallocateRoutine is ignored. pSCCleanupRoutine may be null; it is
+ * called once for each context with objects of the type that ends. Initialising again is not
+ * refused: it first gives the old type up, and with it its objects, as the last Release does; when
+ * it then fails, the instance is not initialised. Not beside other calls.
+ *
+ * CreateObject: finds by pCompareRoutine (none: finds nothing) in bucket CompareIndex, or creates.
+ * *pOpenedMode (may be null) is 1 for a new object, held with createAccess, 2 for an existing one,
+ * held with openAccess: 0 none, 1 exclusive, 2 shared. An error of pInitRoutine is returned
+ * unchanged. The results are untouched after an error.
+ *
+ * ReferenceObjectByHandle: the attribute manager's status if the context has no objects yet.
+ *
  * EnumerateObjects: one object a call, code 9 at the end. ISCOM_2 takes the wildcard context (both
- *   halves (HANDLE)-1) and then walks every context.
+ * halves (HANDLE)-1) and then walks every context. A walk whose present context ends between two
+ * calls fails with the attribute manager's status, code 3; setting hEnumObject to 0 lets it go on
+ * with the next context.
+ *
  * FindObject: the first object of the bucket that matches (no routine: the first one). A context
- *   without objects gives code 9, without a log line.
+ * without objects gives code 9, without a log line.
+ *
+ * An object that one of these hands out with an access is locked anew after it was found, so
+ * another thread may have had it, and have deleted it, in between.
+ *
  * GetObjectSecurityContext: the context an object was created in.
+ *
  * GetObjectStats: ISCOM_2 only; three zeros for a context without objects. ISCOM: code 16.
+ *
  * AllocateObject, DeallocateObject, OpenObject: not supported, code 13.
- * The others are those of osal/iom.h. */
+ *
+ * The others are those of osal/iom.h. Their status is code 4100 when the object's context has ended
+ * and the object was the last thing left of it. */
 #define OSAL_TABLE_FIELD(number, field, function, result, arguments) result(*field) arguments;
 typedef struct ISCOMVtbl {
     KX_ISCOM_SLOTS(OSAL_TABLE_FIELD)

@@ -1,116 +1,22 @@
 // The security-attribute component, reached through the component runtime, alone and behind the
 // security-context object manager.
-#include "host/secattr.h"
+#include "support/secattr_test.h"
 
-#include <gtest/gtest.h>
+#include <dlfcn.h>
 
 #include <algorithm>
-#include <atomic>
-#include <set>
+#include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
-#include "host/lcm.h"
-#include "osal/iscom.h"
-#include "osal/osal.h"
+#include "osal/component.h"
+#include "support/recorders.h"
 
 OSAL_DEFINE_IDENTIFIERS
 
 namespace osal_test {
 namespace {
-
-constexpr GUID kComponent = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
-constexpr GUID kOther = {2, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
-
-constexpr KCSTATUS error(UINT32 code) {
-    return KC_MAKE_STATUS(KC_SEVERITY_ERROR, KC_FACILITY_SECATTR, code);
-}
-
-SCHANDLE context(UINT64 user, UINT64 session) {
-    return {reinterpret_cast<HANDLE>(user), reinterpret_cast<HANDLE>(session)};
-}
-UINT64 user_of(SCHANDLE context) {
-    return reinterpret_cast<uintptr_t>(context.hTypeId);
-}
-
-std::atomic<int> cleanups;
-std::atomic<int> releases;
-std::atomic<int> inits;
-
-void note_cleanup(SCHANDLE) {
-    ++cleanups;
-}
-void note_release(PAttribute) {
-    ++releases;
-}
-KCSTATUS set_number(PAttribute attribute, void* number) {
-    ++inits;
-    *static_cast<UINT64*>(attribute->pData) = *static_cast<UINT64*>(number);
-    return KC_OK;
-}
-KCSTATUS refuse(PAttribute, void*) {
-    return KC_MAKE_STATUS(3, 99, 5);
-}
-
-template <class Interface>
-Interface* instance(const GUID& clsid, const GUID& iid) {
-    void* made = nullptr;
-    EXPECT_EQ(LcmCreateInstance(&clsid, nullptr, &iid, &made), KC_OK);
-    return static_cast<Interface*>(made);
-}
-
-class SecurityAttributes : public testing::Test {
-  protected:
-    SecurityAttributes() {
-        cleanups = releases = inits = 0;
-        EXPECT_EQ(LcmStart(nullptr), KC_OK);
-        manager = instance<ISA>(CLSID_SecurityAttributeManager, IID_IContextAttribute_1);
-        contexts = instance<ISecurityContext>(CLSID_SecurityContextManager, IID_ISecurityContext_1);
-        EXPECT_EQ(manager->lpVtbl->SARegisterAttribute(manager, &kComponent, 8, note_cleanup,
-                                                       note_release, &type),
-                  KC_OK);
-    }
-    ~SecurityAttributes() override {
-        if (type != nullptr) {
-            EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, type), KC_OK);
-        }
-        manager->lpVtbl->Release(manager);
-        contexts->lpVtbl->Release(contexts);
-        LcmStop();
-    }
-
-    KCSTATUS create(SCHANDLE where, UINT64 number, PAttribute* attribute, PUINT32 opened = nullptr,
-                    UINT32 create_access = 0, UINT32 open_access = 0) {
-        return manager->lpVtbl->SACreate(manager, where, type, &number, set_number, create_access,
-                                         open_access, attribute, opened);
-    }
-    void created(SCHANDLE where, UINT64 number) {
-        PAttribute attribute = nullptr;
-        ASSERT_EQ(create(where, number, &attribute), KC_OK);
-        give_back(attribute);
-    }
-    void give_back(PAttribute attribute, UINT32 access = 0) {
-        EXPECT_EQ(manager->lpVtbl->SADereference(manager, access, attribute), KC_OK);
-    }
-    KCSTATUS reference(SCHANDLE where, PAttribute* attribute, UINT32 access = 0) {
-        return manager->lpVtbl->SAReference(manager, where, type, access, attribute);
-    }
-    static UINT64 number(PAttribute attribute) { return *static_cast<UINT64*>(attribute->pData); }
-    std::multiset<UINT64> listed() {
-        std::multiset<UINT64> users;
-        HANDLE scan = nullptr;
-        SCHANDLE found;
-        KCSTATUS status;
-        while (!KC_IS_ERROR(status = contexts->lpVtbl->EnumerateContexts(contexts, &scan, &found)))
-            users.insert(user_of(found));
-        EXPECT_EQ(KC_CODE(status), KC_CODE_NO_MORE_ENTRIES);
-        return users;
-    }
-
-    ISA* manager;
-    ISecurityContext* contexts;
-    HANDLE type = nullptr;
-};
 
 TEST_F(SecurityAttributes, TheTableHasThirteenSlotsInOrder) {
     EXPECT_EQ(sizeof(ISAVtbl), SECATTR_ISA_SLOT_COUNT * sizeof(void*));
@@ -399,60 +305,297 @@ TEST_F(SecurityAttributes, RacingEndsOfAContextAreSettledInOnePlace) {
     EXPECT_EQ(releases, 200);
 }
 
-// --- Behind the security-context object manager ---
+TEST_F(SecurityAttributes, ACreatorHasItsAccessBeforeAnybodyElseSeesTheAttribute) {
+    for (UINT64 round = 1; round <= 300; ++round) {
+        const SCHANDLE where = context(round, 1);
+        std::atomic<bool> looking = false;
+        std::atomic<bool> entered = false;
+        std::thread reader([&] {
+            PAttribute shared = nullptr;
+            do
+                looking = true;
+            while (KC_IS_ERROR(reference(where, &shared, 2)));
+            entered = true;
+            give_back(shared, 2);
+        });
+        while (!looking)
+            std::this_thread::yield();
+        PAttribute attribute = nullptr;
+        EXPECT_EQ(create(where, round, &attribute, nullptr, 1, 2), KC_OK);
+        EXPECT_FALSE(entered);
+        give_back(attribute, 1);
+        reader.join();
+        ASSERT_FALSE(HasFailure()) << "in round " << round;
+    }
+}
 
-std::atomic<int> deleted_objects;
+TEST_F(SecurityAttributes, AThreadThatHoldsAnAttributeExclusivelyGetsNoFurtherAccess) {
+    constexpr KCSTATUS kNotAcquired = KC_MAKE_STATUS(3, KC_FACILITY_OSAL, 0x1002);
+    const SCHANDLE where = context(1, 1);
+    PAttribute attribute = nullptr;
+    ASSERT_EQ(create(where, 7, &attribute, nullptr, 1, 2), KC_OK);
+    for (UINT32 access : {1u, 2u}) {
+        PAttribute again = nullptr;
+        UINT32 opened = 9;
+        SCHANDLE cursors[2] = {};
+        EXPECT_EQ(reference(where, &again, access), kNotAcquired);
+        EXPECT_EQ(create(where, 8, &again, &opened, 0, access), kNotAcquired);
+        EXPECT_EQ(manager->lpVtbl->SAEnumerate(manager, nullptr, type, &cursors[0], &cursors[1],
+                                               nullptr, nullptr, access, &again),
+                  kNotAcquired);
+        EXPECT_EQ(manager->lpVtbl->SAAcquire(manager, access, attribute), kNotAcquired);
+        EXPECT_EQ(again, nullptr);
+        EXPECT_EQ(opened, 9u);
+    }
+    give_back(attribute, 1);  // the only reference
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, where), KC_OK);
+    EXPECT_EQ(releases, 1);
+}
 
-class ContextObjects : public SecurityAttributes {
-  protected:
-    ContextObjects() {
-        deleted_objects = 0;
-        objects = instance<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
-        EXPECT_EQ(objects->lpVtbl->Initialize(
-                      objects, &kOther, sizeof(UINT64), 16, 0, 4,
-                      [](PVOID) -> KCSTATUS {
-                          ++deleted_objects;
-                          return KC_OK;
-                      },
-                      nullptr, nullptr, 0),
+TEST_F(SecurityAttributes, AFailedFirstAttributeEndsOnlyAContextThatBeganForIt) {
+    SCHANDLE opened = {};
+    ASSERT_EQ(contexts->lpVtbl->OpenContext(contexts, 1, 1, &opened), KC_OK);
+    PAttribute attribute = nullptr;
+    for (UINT64 user : {1, 2})
+        EXPECT_EQ(manager->lpVtbl->SACreate(manager, context(user, 1), type, nullptr, refuse, 1, 2,
+                                            &attribute, nullptr),
+                  KC_MAKE_STATUS(3, 99, 5));
+    EXPECT_EQ(listed(), (std::multiset<UINT64>{1}));
+}
+
+TEST_F(SecurityAttributes, TheCleanUpRoutineGetsItsContextBeforeTheAttributeIsReleased) {
+    static std::vector<std::string> calls;
+    HANDLE other = nullptr;
+    ASSERT_EQ(
+        manager->lpVtbl->SARegisterAttribute(
+            manager, &kOther, 0,
+            [](SCHANDLE ended) { calls.push_back("clean up " + std::to_string(user_of(ended))); },
+            [](PAttribute attribute) {
+                calls.push_back("release " + std::to_string(user_of(attribute->hSC)));
+            },
+            &other),
+        KC_OK);
+    for (UINT64 user : {5, 6}) {
+        PAttribute attribute = nullptr;
+        ASSERT_EQ(manager->lpVtbl->SACreate(manager, context(user, 1), other, nullptr, nullptr, 0,
+                                            0, &attribute, nullptr),
+                  KC_OK);
+        give_back(attribute);
+    }
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(6, 1)), KC_OK);
+    EXPECT_EQ(calls, (std::vector<std::string>{"clean up 6", "release 6"}));
+    EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, other), KC_OK);
+    EXPECT_EQ(calls, (std::vector<std::string>{"clean up 6", "release 6", "release 5"}));
+}
+
+TEST_F(SecurityAttributes, ItsRoutinesMayCallTheManager) {
+    static std::function<void(SCHANDLE)> on_cleanup;
+    static std::function<void()> on_release;
+    on_cleanup = [this](SCHANDLE ended) {
+        const SCHANDLE next = context(user_of(ended) + 1, 1);
+        created(next, 1);
+        EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, next), KC_OK);
+        created(ended, 2);  // begins anew
+        EXPECT_EQ(listed(), (std::multiset<UINT64>{1}));
+    };
+    on_release = [this] { created(context(9, 9), 3); };
+    HANDLE other = nullptr;
+    ASSERT_EQ(manager->lpVtbl->SARegisterAttribute(
+                  manager, &kOther, 8, [](SCHANDLE ended) { on_cleanup(ended); },
+                  [](PAttribute) { on_release(); }, &other),
+              KC_OK);
+    PAttribute attribute = nullptr;
+    ASSERT_EQ(manager->lpVtbl->SACreate(manager, context(1, 1), other, nullptr, nullptr, 0, 0,
+                                        &attribute, nullptr),
+              KC_OK);
+    give_back(attribute);
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(1, 1)), KC_OK);
+    EXPECT_EQ(cleanups, 1);
+    EXPECT_EQ(releases, 1);
+    EXPECT_EQ(listed(), (std::multiset<UINT64>{1, 9}));
+    EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, other), KC_OK);
+}
+
+TEST_F(SecurityAttributes, AComponentMayRegisterSeveralTypes) {
+    HANDLE second = nullptr;
+    ASSERT_EQ(
+        manager->lpVtbl->SARegisterAttribute(manager, &kComponent, 8, nullptr, nullptr, &second),
+        KC_OK);
+    EXPECT_NE(second, type);
+    created(context(1, 1), 7);
+    SCHANDLE cursors[2] = {};
+    PAttribute attribute = nullptr;
+    const auto next = [&](const GUID* component, HANDLE handle) {
+        return manager->lpVtbl->SAEnumerate(manager, component, handle, &cursors[0], &cursors[1],
+                                            nullptr, nullptr, 0, &attribute);
+    };
+    EXPECT_EQ(KC_CODE(next(nullptr, second)), KC_CODE_NO_MORE_ENTRIES);
+    ASSERT_EQ(next(&kComponent, nullptr), KC_OK);  // the type that was registered first
+    give_back(attribute);
+    cursors[0] = cursors[1] = {};
+    EXPECT_EQ(KC_CODE(next(&kComponent, second)), KC_CODE_NO_MORE_ENTRIES);
+    EXPECT_EQ(next(&kOther, nullptr), error(3));
+    EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, second), KC_OK);
+}
+
+TEST_F(SecurityAttributes, AScanMeetsEveryContextThatStaysOnce) {
+    for (UINT64 user = 1; user <= 200; ++user)
+        created(context(user, 1), user);
+    std::multiset<UINT64> seen;
+    std::multiset<UINT64> listed_then;
+    SCHANDLE cursors[2] = {};
+    HANDLE scan = nullptr;
+    SCHANDLE found = {};
+    PAttribute attribute = nullptr;
+    const auto step = [&] {
+        if (KC_IS_ERROR(manager->lpVtbl->SAEnumerate(manager, nullptr, type, &cursors[0],
+                                                     &cursors[1], nullptr, nullptr, 2, &attribute)))
+            return false;
+        seen.insert(number(attribute));
+        give_back(attribute, 2);
+        EXPECT_EQ(contexts->lpVtbl->EnumerateContexts(contexts, &scan, &found), KC_OK);
+        listed_then.insert(user_of(found));
+        return true;
+    };
+    for (int i = 0; i < 100; ++i)
+        ASSERT_TRUE(step());
+    for (UINT64 user = 10; user <= 190; user += 10) {
+        ASSERT_EQ(contexts->lpVtbl->EndContext(contexts, context(user, 1)), KC_OK);
+        created(context(1000 + user, 1), 1000 + user);
+    }
+    while (step())
+        ;
+    for (UINT64 user = 1; user <= 200; ++user) {
+        if (user % 10 == 0 && user <= 190) continue;
+        EXPECT_EQ(seen.count(user), 1u) << user;
+        EXPECT_EQ(listed_then.count(user), 1u) << user;
+    }
+    for (UINT64 user = 110; user <= 190; user += 10)
+        EXPECT_EQ(seen.count(user), 0u) << user;
+    const SCHANDLE end = cursors[1];
+    EXPECT_FALSE(step());
+    EXPECT_EQ(cursors[1].hId, end.hId);
+}
+
+TEST_F(SecurityAttributes, RefusalsAreBuiltUnderTheNameOfTheOperation) {
+    StatusRecorder statuses("secattr.so");
+    PAttribute attribute = nullptr;
+    reference(context(1, 1), nullptr);
+    statuses.expect_one(KC_FACILITY_SECATTR, 4, "secattr", "SAReference");
+    manager->lpVtbl->SAReference(manager, context(1, 1), nullptr, 0, &attribute);
+    statuses.expect_one(KC_FACILITY_SECATTR, 3, "secattr", "SAReference");
+    reference(context(1, 1), &attribute);
+    statuses.expect_none();  // no attribute: nothing out of the ordinary
+    contexts->lpVtbl->EndContext(contexts, context(1, 1));
+    statuses.expect_one(KC_FACILITY_SECATTR, 3, "secattr", "EndContext");
+}
+
+TEST_F(SecurityAttributes, TheComponentsEntryAnswersAsItsInterfaceSays) {
+    void* library = dlopen(OSAL_LIBRARY_DIR "/components/secattr.so", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(library, nullptr);
+    const auto entry =
+        reinterpret_cast<decltype(&DllGetClassObject)>(dlsym(library, "DllGetClassObject"));
+    const auto classes = static_cast<const GUID* const*>(dlsym(library, "TSCOM_Table"));
+    EXPECT_TRUE(*classes[0] == CLSID_SecurityAttributeManager);
+    EXPECT_TRUE(*classes[1] == CLSID_SecurityContextManager);
+    EXPECT_EQ(classes[2], nullptr);
+
+    void* out = &out;
+    EXPECT_EQ(entry(&CLSID_OrvaneOsal, &IID_IClassFactory, &out), KC_E_NOINTERFACE);
+    EXPECT_EQ(out, &out);
+    EXPECT_EQ(entry(classes[0], &IID_IClassFactory, nullptr), KC_E_CREATE_FAILED);
+    EXPECT_EQ(entry(classes[0], &IID_IContextAttribute_1, &out), KC_E_NOINTERFACE);
+    EXPECT_EQ(out, nullptr);
+    ASSERT_EQ(entry(classes[1], &IID_IClassFactory, &out), KC_S_OK);
+    auto* factory = static_cast<LCM_IClassFactory*>(out);
+    EXPECT_EQ(factory->lpVtbl->CreateInstance(factory, nullptr, nullptr, &out), error(4));
+    EXPECT_EQ(factory->lpVtbl->CreateInstance(factory, nullptr, &IID_ISecurityContext_1, nullptr),
+              error(4));
+    EXPECT_EQ(factory->lpVtbl->CreateInstance(factory, factory, &IID_ISecurityContext_1, &out),
+              error(4));
+    EXPECT_EQ(factory->lpVtbl->CreateInstance(factory, nullptr, &IID_IContextAttribute_1, &out),
+              error(2));
+    EXPECT_EQ(out, nullptr);
+    ASSERT_EQ(factory->lpVtbl->CreateInstance(factory, nullptr, &IID_IUnknown, &out), KC_OK);
+    EXPECT_EQ(out, contexts);
+    contexts->lpVtbl->Release(contexts);
+    factory->lpVtbl->Release(factory);
+    dlclose(library);
+}
+
+// Everything at once. Each attribute that began is released once, and each context that ended has
+// been cleaned up once.
+TEST_F(SecurityAttributes, AttributesBeginAndEndOnceWhateverRacesForThem) {
+    constexpr UINT64 kContexts = 6;
+    std::atomic<int> removed = 0;
+    std::vector<std::thread> threads;
+    for (unsigned seed = 1; seed <= 4; ++seed)
+        threads.emplace_back([&, seed]() mutable {
+            for (int i = 0; i < 4000; ++i) {
+                const SCHANDLE where =
+                    context(1 + static_cast<UINT64>(rand_r(&seed)) % kContexts, 1);
+                PAttribute attribute = nullptr;
+                UINT32 opened = 0;
+                switch (rand_r(&seed) % 4) {
+                    case 0:
+                        contexts->lpVtbl->EndContext(contexts, where);
+                        break;
+                    case 1:
+                        if (KC_IS_ERROR(reference(where, &attribute, 1))) break;
+                        EXPECT_EQ(number(attribute), user_of(where));
+                        EXPECT_EQ(manager->lpVtbl->SADelete(manager, 1, attribute), KC_OK);
+                        ++removed;
+                        break;
+                    default:
+                        ASSERT_EQ(create(where, user_of(where), &attribute, &opened, 1, 2), KC_OK);
+                        EXPECT_EQ(number(attribute), user_of(where));
+                        give_back(attribute, opened);
+                }
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    for (UINT64 user = 1; user <= kContexts; ++user)
+        contexts->lpVtbl->EndContext(contexts, context(user, 1));
+    EXPECT_EQ(releases, inits);
+    EXPECT_LE(cleanups, inits);
+    EXPECT_GE(cleanups + removed, inits);  // several may have deleted one
+    EXPECT_TRUE(listed().empty());
+}
+
+TEST_F(SecurityAttributes, ATypeMayEndWhileOthersUseIt) {
+    for (int round = 0; round < 100; ++round) {
+        std::vector<std::thread> threads;
+        std::atomic<bool> refused = false;
+        for (UINT64 first = 1; first <= 2; ++first)
+            threads.emplace_back([&, first] {
+                for (UINT64 user = first; !refused; ++user) {
+                    PAttribute attribute = nullptr;
+                    UINT32 opened = 0;
+                    const KCSTATUS status =
+                        create(context(user % 50, 1), user, &attribute, &opened, 1, 2);
+                    if (KC_IS_ERROR(status)) {
+                        EXPECT_EQ(status, error(3));
+                        refused = true;
+                    } else {
+                        give_back(attribute, opened);
+                    }
+                }
+            });
+        while (inits == 0)
+            std::this_thread::yield();
+        EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, type), KC_OK);
+        for (auto& thread : threads)
+            thread.join();
+        EXPECT_EQ(releases.exchange(0), inits.exchange(0));
+        ASSERT_EQ(manager->lpVtbl->SARegisterAttribute(manager, &kComponent, 8, note_cleanup,
+                                                       note_release, &type),
                   KC_OK);
     }
-    ~ContextObjects() override { objects->lpVtbl->Release(objects); }
+    EXPECT_EQ(cleanups, 0);
+}
 
-    void find_or_create(SCHANDLE where, UINT64 value) {
-        const auto fill = [](PVOID object, PVOID from) -> KCSTATUS {
-            *static_cast<UINT64*>(object) = *static_cast<UINT64*>(from);
-            return KC_OK;
-        };
-        const auto equal = [](PVOID object, PVOID wanted) -> BOOLEAN {
-            return *static_cast<UINT64*>(object) == *static_cast<UINT64*>(wanted);
-        };
-        PVOID object = nullptr;
-        EXPECT_EQ(
-            objects->lpVtbl->CreateObject(objects, where, &value, fill, &value, equal,
-                                          static_cast<UINT32>(value % 4), 0, 0, &object, nullptr),
-            KC_OK);
-        EXPECT_EQ(objects->lpVtbl->DereferenceObject(objects, object, 0), KC_OK);
-    }
-    std::multiset<std::pair<UINT64, UINT64>> all_objects() {
-        std::multiset<std::pair<UINT64, UINT64>> found;
-        ISCOM_SCAN_DATA scan = {};
-        PVOID object = nullptr;
-        KCSTATUS status;
-        while (!KC_IS_ERROR(
-            status = objects->lpVtbl->EnumerateObjects(objects, context(~0ull, ~0ull), &scan,
-                                                       nullptr, nullptr, 0, &object))) {
-            SCHANDLE where = {};
-            objects->lpVtbl->GetObjectSecurityContext(objects, object, &where);
-            found.insert({user_of(where), *static_cast<UINT64*>(object)});
-            objects->lpVtbl->DereferenceObject(objects, object, 0);
-        }
-        EXPECT_EQ(KC_CODE(status), KC_CODE_NO_MORE_ENTRIES);
-        return found;
-    }
-
-    ISCOM_2* objects;
-};
+// --- Behind the security-context object manager ---
 
 TEST_F(ContextObjects, ObjectsOfManyContextsAreFoundByTheWildcard) {
     std::multiset<std::pair<UINT64, UINT64>> expected;
@@ -520,6 +663,93 @@ TEST_F(ContextObjects, StatisticsAreThoseOfOneContext) {
     EXPECT_EQ(objects->lpVtbl->GetObjectStats(objects, context(2, 1), nullptr, &in_use, nullptr),
               KC_OK);
     EXPECT_EQ(in_use, 0u);
+}
+
+// A scan cannot go on in a context that has ended: it says so, and goes on behind it when told to.
+TEST_F(ContextObjects, AScanThatLosesItsContextGoesOnWithTheNextWhenTheScanHandleIsCleared) {
+    for (UINT64 user = 1; user <= 3; ++user)
+        for (UINT64 value = 0; value < 3; ++value)
+            find_or_create(context(user, 1), value);
+    ISCOM_SCAN_DATA scan = {};
+    PVOID object = nullptr;
+    const auto next = [&] {
+        return objects->lpVtbl->EnumerateObjects(objects, context(~0ull, ~0ull), &scan, nullptr,
+                                                 nullptr, 0, &object);
+    };
+    ASSERT_EQ(next(), KC_OK);
+    objects->lpVtbl->DereferenceObject(objects, object, 0);
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(1, 1)), KC_OK);
+    EXPECT_EQ(next(), error(3));
+    EXPECT_EQ(next(), error(3));
+    scan.hEnumObject = nullptr;
+    std::multiset<UINT64> users;
+    KCSTATUS status;
+    while (!KC_IS_ERROR(status = next())) {
+        SCHANDLE where = {};
+        objects->lpVtbl->GetObjectSecurityContext(objects, object, &where);
+        users.insert(user_of(where));
+        objects->lpVtbl->DereferenceObject(objects, object, 0);
+    }
+    EXPECT_EQ(KC_CODE(status), KC_CODE_NO_MORE_ENTRIES);
+    EXPECT_EQ(users, (std::multiset<UINT64>{2, 2, 2, 3, 3, 3}));
+}
+
+// Objects stay locked by their holders while their context ends and others scan, find and create.
+TEST_F(ContextObjects, HoldersOfObjectsNeverBlockTheEndOfTheirContext) {
+    PVOID object = nullptr;
+    find_or_create(context(1, 1), 1);
+    ASSERT_EQ(objects->lpVtbl->FindObject(objects, context(1, 1), nullptr, nullptr, 1, 1, &object),
+              KC_OK);
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(1, 1)), KC_OK);
+    EXPECT_EQ(deleted_objects, 0);
+    find_or_create(context(1, 1), 1);  // in the context that begins anew
+    EXPECT_EQ(*static_cast<UINT64*>(object), 1u);
+    EXPECT_EQ(objects->lpVtbl->DereferenceObject(objects, object, 1), KC_OK);
+    EXPECT_EQ(deleted_objects, 1);
+    EXPECT_EQ(all_objects().size(), 1u);
+}
+
+TEST_F(ContextObjects, EveryObjectIsDeletedOnceWhateverRacesForIt) {
+    std::atomic<int> made = 0;
+    std::vector<std::thread> threads;
+    for (unsigned seed = 1; seed <= 4; ++seed)
+        threads.emplace_back([&, seed]() mutable {
+            for (int i = 0; i < 3000; ++i) {
+                const SCHANDLE where = context(1 + static_cast<UINT64>(rand_r(&seed)) % 4, 1);
+                UINT64 value = static_cast<UINT64>(rand_r(&seed)) % 8;
+                const UINT32 access = static_cast<UINT32>(rand_r(&seed)) % 3;
+                PVOID object = nullptr;
+                UINT32 opened = 0;
+                switch (rand_r(&seed) % 4) {
+                    case 0:
+                        contexts->lpVtbl->EndContext(contexts, where);
+                        break;
+                    case 1:
+                        if (KC_IS_ERROR(objects->lpVtbl->FindObject(
+                                objects, where, &value, equal_number,
+                                static_cast<UINT32>(value % 4), access, &object)))
+                            break;
+                        EXPECT_EQ(*static_cast<UINT64*>(object), value);
+                        objects->lpVtbl->DereferenceObject(objects, object, access);
+                        break;
+                    default:
+                        ASSERT_EQ(objects->lpVtbl->CreateObject(objects, where, &value, fill_number,
+                                                                &value, equal_number,
+                                                                static_cast<UINT32>(value % 4),
+                                                                access, access, &object, &opened),
+                                  KC_OK);
+                        EXPECT_EQ(*static_cast<UINT64*>(object), value);
+                        made += opened == 1;
+                        objects->lpVtbl->DereferenceObject(objects, object, access);
+                }
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    for (UINT64 user = 1; user <= 4; ++user)
+        contexts->lpVtbl->EndContext(contexts, context(user, 1));
+    EXPECT_EQ(deleted_objects, made);
+    EXPECT_TRUE(all_objects().empty());
 }
 
 }  // namespace
