@@ -16,12 +16,12 @@ Record* record_of(PAttribute attribute) {
 static_assert(offsetof(Record, attribute) == 0);
 
 // Fails for a thread that holds the attribute exclusively already.
-KCSTATUS take_access(Record* record, UINT32 access) {
+KCSTATUS take_access(Record* record, UINT32 access, BOOLEAN wait = TRUE) {
     const IOsalVtbl* osal = store.osal->lpVtbl;
     if (access == KX_OBJECT_EXCLUSIVE)
-        return osal->KxAcquireLockForWriteAccess(store.osal, record->access_lock, TRUE);
+        return osal->KxAcquireLockForWriteAccess(store.osal, record->access_lock, wait);
     if (access == KX_OBJECT_SHARED)
-        return osal->KxAcquireLockForReadAccess(store.osal, record->access_lock, TRUE);
+        return osal->KxAcquireLockForReadAccess(store.osal, record->access_lock, wait);
     return KC_OK;
 }
 
@@ -108,7 +108,7 @@ KCSTATUS begin_attribute(PVOID object, PVOID init_data) {
     if (is_error(status)) return status;
     // Before anybody else can see the attribute: nobody comes in between, and a creator never waits
     // for an access while others wait behind it.
-    take_access(record, creation->access);
+    take_access(record, creation->access, FALSE);
     if (creation->init != nullptr) status = creation->init(&record->attribute, creation->init_data);
     if (is_error(status)) {
         if (is_access(creation->access)) give_access(record);
