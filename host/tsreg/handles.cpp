@@ -12,6 +12,7 @@ struct Place {
 };
 
 constexpr UINT32 kNone = ~UINT32{0};
+constexpr INT64 kNoKey = -1;
 constexpr UINT32 kFirstCapacity = 16;
 
 constinit Place* places = nullptr;
@@ -73,6 +74,11 @@ bool remove_handle(HANDLE handle) {
     place->next_free = first_free;
     first_free = static_cast<UINT32>(place - places);
     return true;
+}
+
+void disown_keys_from(INT64 id) {
+    for (UINT32 i = 0; i < capacity; ++i)
+        if (OpenKey* key = places[i].key; key != nullptr && key->id >= id) key->id = kNoKey;
 }
 
 void free_handles() {

@@ -37,6 +37,9 @@ OpenKey* find_handle(HANDLE handle);
 // Ends a handle; false if it is none.
 bool remove_handle(HANDLE handle);
 
+// Makes the handles of all keys with this number or a higher one name no key.
+void disown_keys_from(INT64 id);
+
 // Frees everything. For unloading.
 void free_handles();
 

@@ -17,5 +17,6 @@ constexpr KCSTATUS kDenied = error(KC_CODE_ACCESS_DENIED);
 constexpr KCSTATUS kTooSmall = error(KC_CODE_BUFFER_TOO_SMALL);
 constexpr KCSTATUS kNoMore = error(KC_CODE_NO_MORE_ENTRIES);
 constexpr KCSTATUS kHasSubKeys = error(KC_CODE_BUSY);
+constexpr KCSTATUS kLost = error(KC_CODE_FAILED);
 
 }  // namespace tsreg

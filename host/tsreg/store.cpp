@@ -10,6 +10,7 @@
 #include <iterator>
 
 #include "file.h"
+#include "handles.h"
 
 namespace tsreg {
 namespace {
@@ -50,6 +51,10 @@ constexpr const char* kStatements[] = {
     "BEGIN IMMEDIATE",
     "COMMIT",
     "ROLLBACK",
+    "SAVEPOINT call",
+    "RELEASE call",
+    "ROLLBACK TO call",
+    "SELECT seq FROM sqlite_sequence WHERE name = 'keys'",
     "SELECT 1 FROM keys WHERE id = ?",
     "SELECT id FROM keys WHERE parent = ? AND name = ?",
     "INSERT INTO keys(parent, name, written) VALUES(?, ?, ?) RETURNING id",
@@ -71,12 +76,17 @@ constinit pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 // Guarded by the lock.
 constinit sqlite3* connection = nullptr;
 constinit sqlite3_stmt* statements[kStatementCount] = {};
-constinit UINT32 connections_made = 0;
+constinit UINT32 epoch = 0;     // grows where SQLite's version of the content stays
 constinit bool broken = false;  // to be closed at the end of the section
 constinit int last_logged = SQLITE_OK;
 constinit char path[kPathSize] = {};
 constinit bool fork_handlers_set = false;
 constinit int fork_cancel_state = 0;
+constinit int transaction_cancel_state = 0;
+constinit INT64 transaction_first_key = 0;  // keys made since may vanish
+
+// Whether the calling thread holds the lock for a transaction of its own.
+constinit thread_local bool has_transaction = false;
 
 bool file_system_is_full() {
     const int error = connection != nullptr ? sqlite3_system_errno(connection) : 0;
@@ -121,6 +131,11 @@ KCSTATUS fail(int result) {
     return error(code_of(result));
 }
 
+// SQLite ends a transaction by itself upon the worst failures, and loses it with the connection.
+bool is_lost() {
+    return connection == nullptr || sqlite3_get_autocommit(connection);
+}
+
 void close_connection() {
     for (sqlite3_stmt*& statement : statements) {
         sqlite3_finalize(statement);
@@ -133,17 +148,21 @@ void close_connection() {
 
 // The connection must not reach the child, where SQLite would believe in file locks that only the
 // parent holds. The log of the file is left for the next connection, which may be a moment away.
+// A transaction of the forking thread is lost by this.
 void before_fork() {
-    int state;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    pthread_mutex_lock(&lock);
-    fork_cancel_state = state;
+    if (!has_transaction) {
+        int state;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        pthread_mutex_lock(&lock);
+        fork_cancel_state = state;
+    }
     if (connection == nullptr) return;
     sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     close_connection();
 }
 
 void after_fork() {
+    if (has_transaction) return;
     const int state = fork_cancel_state;
     pthread_mutex_unlock(&lock);
     pthread_setcancelstate(state, nullptr);
@@ -218,18 +237,24 @@ sqlite3_stmt* prepared(Sql which) {
 
 }  // namespace
 
-Section::Section() {
+Section::Section() : cancel_state_(transaction_cancel_state) {
+    if (has_transaction) return;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
     pthread_mutex_lock(&lock);
 }
 
 Section::~Section() {
     if (broken) close_connection();
+    if (has_transaction) {
+        transaction_cancel_state = cancel_state_;
+        return;
+    }
     pthread_mutex_unlock(&lock);
     pthread_setcancelstate(cancel_state_, nullptr);
 }
 
 KCSTATUS open_store(bool make) {
+    if (has_transaction) return is_lost() ? kLost : KC_OK;
     if (connection != nullptr) return KC_OK;
     if (!choose_file(path)) return fail(SQLITE_CANTOPEN);
     if (make) make_file(path);
@@ -240,7 +265,7 @@ KCSTATUS open_store(bool make) {
         broken = true;
         return fail(result);
     }
-    ++connections_made;
+    ++epoch;
     return KC_OK;
 }
 
@@ -251,7 +276,7 @@ void close_store() {
 UINT64 store_version() {
     UINT32 version = 0;
     sqlite3_file_control(connection, "main", SQLITE_FCNTL_DATA_VERSION, &version);
-    return UINT64{connections_made} << 32 | version;
+    return UINT64{epoch} << 32 | version;
 }
 
 int rows_changed() {
@@ -306,21 +331,56 @@ std::string_view Query::text(int column) const {
 }
 
 KCSTATUS Transaction::begin(Sql how) {
-    const KCSTATUS status = Query(how).run();
+    const KCSTATUS status = Query(has_transaction ? Sql::kSave : how).run();
     active_ = status == KC_OK;
     return status;
 }
 
 KCSTATUS Transaction::commit() {
-    const KCSTATUS status = Query(Sql::kCommit).run();
+    const KCSTATUS status = Query(has_transaction ? Sql::kRelease : Sql::kCommit).run();
     if (status != KC_OK) return status;
+    if (has_transaction) ++epoch;
     active_ = false;
     last_logged = SQLITE_OK;
     return KC_OK;
 }
 
 Transaction::~Transaction() {
-    if (active_ && !sqlite3_get_autocommit(connection)) Query(Sql::kRollback).run();
+    if (!active_ || sqlite3_get_autocommit(connection)) return;
+    Query(has_transaction ? Sql::kRollbackToSave : Sql::kRollback).run();
+    if (has_transaction) Query(Sql::kRelease).run();
+}
+
+bool in_thread_transaction() {
+    return has_transaction;
+}
+
+KCSTATUS begin_thread_transaction() {
+    if (const KCSTATUS status = Query(Sql::kBeginWrite).run(); status != KC_OK) return status;
+    Query last_key(Sql::kLastKey);
+    if (const KCSTATUS status = last_key.row(kLost); status != KC_OK) {
+        last_key.reset();
+        Query(Sql::kRollback).run();
+        return status;
+    }
+    transaction_first_key = last_key.number(0) + 1;
+    has_transaction = true;
+    return KC_OK;
+}
+
+KCSTATUS commit_thread_transaction() {
+    const KCSTATUS status = is_lost() ? kLost : Query(Sql::kCommit).run();
+    if (status != KC_OK) rollback_thread_transaction();
+    has_transaction = false;
+    return status;
+}
+
+// Numbers of keys that were made in the transaction will be given to other keys.
+void rollback_thread_transaction() {
+    if (!is_lost()) Query(Sql::kRollback).run();
+    disown_keys_from(transaction_first_key);
+    ++epoch;
+    has_transaction = false;
 }
 
 }  // namespace tsreg

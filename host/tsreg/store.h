@@ -17,7 +17,7 @@ namespace tsreg {
 constexpr INT64 kHiveId = 1;  // row of the hive, which every file has
 
 // The library's lock for the life of the object, and no cancellation meanwhile: SQLite could not
-// be left in the middle.
+// be left in the middle. A thread that has a transaction of its own keeps both until it ends.
 class Section {
   public:
     Section();
@@ -31,7 +31,8 @@ class Section {
 
 // What follows is for use inside a Section.
 
-// Opens the file unless it is open. kNotFound: there is none, and make is false.
+// Opens the file unless it is open. kNotFound: there is none, and make is false. kLost: the
+// calling thread's transaction was lost.
 KCSTATUS open_store(bool make);
 
 // Closes it, for unloading.
@@ -48,6 +49,10 @@ enum class Sql {
     kBeginWrite,
     kCommit,
     kRollback,
+    kSave,
+    kRelease,
+    kRollbackToSave,
+    kLastKey,
     kKeyExists,
     kFindKey,
     kAddKey,
@@ -91,7 +96,8 @@ class Query {
     int bound_ = 0;
 };
 
-// A transaction, rolled back unless committed.
+// The transaction of one call, rolled back unless committed; within a transaction of the thread, a
+// part of that.
 class Transaction {
   public:
     ~Transaction();
@@ -101,5 +107,12 @@ class Transaction {
   private:
     bool active_ = false;
 };
+
+// The transaction of the calling thread, which spans calls.
+bool in_thread_transaction();
+KCSTATUS begin_thread_transaction();
+// The transaction ends, whatever the status; of any but KC_OK nothing of it is left.
+KCSTATUS commit_thread_transaction();
+void rollback_thread_transaction();
 
 }  // namespace tsreg

@@ -1,4 +1,4 @@
-// The registry library: its nine functions.
+// The registry library: its functions.
 //
 // Each takes the library's lock (Section) for the whole call. Statuses say what the header does.
 #include "host/tsreg.h"
@@ -346,4 +346,23 @@ KCSTATUS TsRegEnumValueA(HANDLE hKey, UINT32 Index, CHAR* pName, UINT32* pNameLe
     }
     *pNameLength = static_cast<UINT32>(name.size()) + 1;
     return kTooSmall;
+}
+
+KCSTATUS TsRegBegin(void) {
+    Section section;
+    if (in_thread_transaction()) return kBadArgument;
+    const KCSTATUS status = open_store(true);
+    return status == KC_OK ? begin_thread_transaction() : status;
+}
+
+KCSTATUS TsRegCommit(void) {
+    Section section;
+    return in_thread_transaction() ? commit_thread_transaction() : kNotFound;
+}
+
+KCSTATUS TsRegRollback(void) {
+    Section section;
+    if (!in_thread_transaction()) return kNotFound;
+    rollback_thread_transaction();
+    return KC_OK;
 }

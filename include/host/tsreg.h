@@ -1,7 +1,7 @@
 /* The registry library, libtsreg.so: a tree of keys with typed values, kept in one file.
  *
- * osal.so calls these nine functions only. A host product may put a library of its own with the
- * same nine in front of this one.
+ * osal.so calls the first nine functions only. A host product may put a library of its own with
+ * the same nine in front of this one; what needs the three of transactions asks for them by name.
  *
  * Keys. Every key lies under the machine-wide hive, TSREG_LOCAL_MACHINE, which is always open. A
  * path names a key below another: names joined by backslashes. Empty names are skipped, so a
@@ -22,7 +22,7 @@
  *   6       the handle was not opened for this; or the file may not be read or written
  *   10      other processes kept the file busy for ten seconds
  *   12      the file is damaged, or is no registry file
- *   1       any other failure of the file system
+ *   1       any other failure of the file system; or the thread's transaction was lost
  *
  * Trouble with the file (5, 6, 10, 12, 1) writes one line to syslog at LOG_ERR that names the file
  * and the reason; it is not repeated while the same reason lasts. Nothing else is logged. Output
@@ -118,6 +118,26 @@ KCSTATUS TsRegQueryValueExA(HANDLE hKey, const CHAR* pValueName, UINT32* pReserv
  * that exists keeps its name as it was first written. Reserved is ignored. */
 KCSTATUS TsRegSetValueExA(HANDLE hKey, const CHAR* pValueName, UINT32 Reserved, UINT32 Type,
                           const void* pData, UINT32 DataLength);
+
+/* Transactions: several calls of one thread that take effect together or not at all, whatever ends
+ * the process in between. Between TsRegBegin and TsRegCommit or TsRegRollback the thread sees what
+ * it did so far; other threads of the process wait at their next call, other processes see nothing
+ * of it and wait if they write. The thread must end its transaction, and stays uncancellable until
+ * then. A call that fails changes nothing and leaves the rest of the transaction as it is, but
+ * trouble with the file may lose it, and so does a fork by the thread: nothing of a lost
+ * transaction is kept, every call but TsRegCloseKey is code 1 without a log line, and it is still
+ * to be ended, after a fork on both sides. */
+
+/* Begins one; makes the file if there is none. Code 4: the thread has one already. */
+KCSTATUS TsRegBegin(void);
+
+/* Ends it and keeps what was done. On failure it has ended too, and nothing was kept. Code 1: it was
+ * lost. Code 3: the thread has none. */
+KCSTATUS TsRegCommit(void);
+
+/* Ends it and takes everything back; handles of keys that it made stay to be closed, every other
+ * use of them is code 3. Code 3: the thread has none. */
+KCSTATUS TsRegRollback(void);
 
 OSAL_END_DECLS
 

@@ -1,9 +1,12 @@
 // osalctl as a user runs it.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdio.h>
 
+#include <chrono>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "support/registry_folder.h"
 
@@ -162,6 +165,67 @@ TEST_F(Tool, AnImportThatFailsHalfwayIsTakenBack) {
                              std::string(300, 'n') + R"(": {"type": "string", "value": "x"}}}}})";
     refuse("registry import -k A " + file(text), 1, "");
     EXPECT_EQ(run("registry export").output, before);
+}
+
+// Starts a command and kills it after a while. True: it had ended by itself before.
+bool kill_after(const std::vector<std::string>& arguments, useconds_t after_us) {
+    std::vector<char*> words;
+    for (const std::string& argument : arguments)
+        words.push_back(const_cast<char*>(argument.c_str()));
+    words.push_back(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        execv(words[0], words.data());
+        _exit(99);
+    }
+    usleep(after_us);
+    kill(child, SIGKILL);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0) << status;
+    return WIFEXITED(status);
+}
+
+// 2,000 values that change and as many new ones, in 20 keys each.
+std::string large_import(int number) {
+    std::string text = "{\"keys\": {";
+    for (int key = 0; key < 20; ++key) {
+        text += (key != 0 ? ", \"K" : "\"K") + std::to_string(key) + "\": {\"values\": {";
+        for (int value = 0; value < 100; ++value)
+            text += (value != 0 ? ", \"v" : "\"v") + std::to_string(value) +
+                    R"(": {"type": "uint32", "value": )" + std::to_string(number) + "}";
+        text += "}}";
+    }
+    return text + "}}";
+}
+
+TEST_F(Tool, AnImportThatIsKilledIsThereAsAWholeOrNotAtAll) {
+    const char* wanted = std::getenv("OSAL_TEST_ROUNDS");
+    const int rounds = wanted != nullptr ? std::atoi(wanted) : 6;
+    run("registry import -k A " + file(large_import(0)));
+    const auto started = std::chrono::steady_clock::now();
+    run("registry import -k A " + file(large_import(1)));
+    const auto needed = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::chrono::steady_clock::now() - started);
+    int wholes = 0;
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
+        const std::string path = file(large_import(round + 2));
+        const auto after_us = static_cast<useconds_t>(needed.count() * (round + 1) / rounds);
+        // Values that are there, and keys that are not.
+        for (const std::string& key : {std::string("A"), "Fresh" + std::to_string(round)}) {
+            const std::string before = run("registry export " + key).output;
+            const bool ended = kill_after(
+                {OSAL_BUILD_DIR "/bin/osalctl", "registry", "import", "-k", key, path}, after_us);
+            const std::string after = run("registry export " + key).output;
+            run("registry import -k " + key + " " + path);
+            const std::string whole = run("registry export " + key).output;
+            EXPECT_NE(before, whole);
+            EXPECT_TRUE(after == whole || (!ended && after == before)) << "after " << after_us;
+            wholes += after == whole;
+        }
+    }
+    std::printf("%d of %d were there\n", wholes, 2 * rounds);
+    EXPECT_LT(wholes, 2 * rounds);
 }
 
 TEST_F(Tool, StatusesAreExplained) {

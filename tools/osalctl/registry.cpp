@@ -1,10 +1,7 @@
 // Commands on the registry.
-#include <signal.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -140,63 +137,11 @@ void plan(const Json& json, const std::string& path, std::vector<PlannedKey>& ke
     }
 }
 
-// Signals that would end the process wait until the object goes.
-class NoInterruption {
-  public:
-    NoInterruption() {
-        sigset_t wanted;
-        sigemptyset(&wanted);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE})
-            sigaddset(&wanted, number);
-        pthread_sigmask(SIG_BLOCK, &wanted, &before_);
-    }
-    ~NoInterruption() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-  private:
-    sigset_t before_;
-};
-
-// Runs an import step by step, and takes the steps back unless told that all was well.
-class Import {
-  public:
-    explicit Import(const Session& session) : session_(session) {}
-    ~Import() {
-        for (auto step = undo_.rbegin(); step != undo_.rend(); ++step)
-            take_back(*step);
-    }
-    void run(const PlannedKey& planned) {
-        make_keys(planned.path);
-        const Key key(session_, planned.path, KX_KEY_ALL_ACCESS);
-        for (const auto& [name, value] : planned.values)
-            put(planned.path, key, name, value);
-    }
-    void keep() { undo_.clear(); }
-
-  private:
-    void make_keys(const std::string& path) {
-        if (path.empty() || key_exists(session_, path)) return;
-        const auto cut = path.rfind('\\');
-        make_keys(cut == path.npos ? "" : path.substr(0, cut));
-        const Key made(session_, path, KX_KEY_ALL_ACCESS, true);
-        undo_.push_back([this, path] { delete_key(session_, path, false); });
-    }
-    void put(const std::string& path, const Key& key, const std::string& name, const Value& value) {
-        const auto before = read_value(session_, key, name);
-        write_value(session_, key, name, value);
-        undo_.push_back([this, path, name, before] {
-            if (!before) return delete_value(session_, path, name);
-            write_value(session_, Key(session_, path, KX_KEY_ALL_ACCESS), name, *before);
-        });
-    }
-    static void take_back(const std::function<void()>& step) try {
-        step();
-    } catch (const Failure& problem) {
-        std::fprintf(stderr, "osalctl: taking an import back: %s\n", problem.what());
-    }
-
-    const Session& session_;
-    std::vector<std::function<void()>> undo_;
-};
+void run(const Session& session, const PlannedKey& planned) {
+    const Key key(session, planned.path, KX_KEY_ALL_ACCESS, true);
+    for (const auto& [name, value] : planned.values)
+        write_value(session, key, name, value);
+}
 
 Json read_json(const std::string& file) try {
     if (file == "-") return Json::parse(std::cin);
@@ -211,12 +156,10 @@ void import_file(const std::string& file, const std::string& path) {
     std::vector<PlannedKey> keys;
     plan(read_json(file), path, keys);
     const Session session;
-    const NoInterruption calm;
-    Import work(session);
-    if (nothing_yet(session, path)) Key(session, path, KX_KEY_ALL_ACCESS, true);
+    Transaction whole(session);
     for (const PlannedKey& key : keys)
-        work.run(key);
-    work.keep();
+        run(session, key);
+    whole.commit();
 }
 
 // The words of one command; lives as long as the command line.
@@ -278,11 +221,12 @@ void add_files(CLI::App& registry) {
         if (nothing_yet(session, words->path())) return print_nothing(true);
         print(tree(session, words->path()));
     });
-    auto* load = registry.add_subcommand(
-        "import",
-        "Set what an export printed; what it does not name stays.\n"
-        "All or nothing: the file is checked as a whole first, and on a failure every step is\n"
-        "taken back. Only a process that is killed by SIGKILL leaves a part behind.");
+    auto* load =
+        registry.add_subcommand("import",
+                                "Set what an export printed; what it does not name stays.\n"
+                                "All or nothing: the file is checked as a whole first, and what is "
+                                "set takes effect in one\n"
+                                "step at the end, or not at all, whatever ends the process.");
     load->add_option("FILE", words->file, "File to read, - for standard input")
         ->capture_default_str();
     load->add_option("-k,--key", words->key, "Key to put it at");

@@ -90,13 +90,18 @@ std::string Session::utf8(const char16_t* text, std::size_t size) const {
     return result;
 }
 
-void* Session::symbol(const char* name) const {
+const char* Session::own_library() const {
     Dl_info where = {};
     dladdr(reinterpret_cast<void*>(osal_->lpVtbl->KxOpenKey), &where);
-    void* library = dlopen(where.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
-    void* address = library != nullptr ? dlsym(library, name) : nullptr;
-    if (library != nullptr) dlclose(library);
-    if (address == nullptr) throw Failure(std::string("osal.so does not show ") + name);
+    return where.dli_fname;
+}
+
+void* Session::symbol(const char* library, const char* name) {
+    void* loaded = dlopen(library, RTLD_LAZY | RTLD_NOLOAD);
+    void* address = loaded != nullptr ? dlsym(loaded, name) : nullptr;
+    if (loaded != nullptr) dlclose(loaded);
+    if (address == nullptr)
+        throw Failure(std::string(library) + " has no " + name + ", which this needs");
     return address;
 }
 
@@ -120,6 +125,23 @@ Key::Key(const Session& session, const std::string& path, KX_KEY_ACCESS access, 
 
 Key::~Key() {
     if (handle_ != nullptr) session_->KxCloseKey(session_.self(), handle_);
+}
+
+Transaction::Transaction(const Session& session)
+    : commit_(session.registry_function<KCSTATUS()>("TsRegCommit")),
+      rollback_(session.registry_function<KCSTATUS()>("TsRegRollback")) {
+    check("cannot begin to change the registry",
+          session.registry_function<KCSTATUS()>("TsRegBegin")());
+    open_ = true;
+}
+
+Transaction::~Transaction() {
+    if (open_) rollback_();
+}
+
+void Transaction::commit() {
+    open_ = false;
+    check("cannot change the registry", commit_());
 }
 
 }  // namespace osalctl

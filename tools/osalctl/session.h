@@ -43,11 +43,17 @@ class Session {
     // A global of the library by its name.
     template <class Type>
     const Type& global(const char* name) const {
-        return *static_cast<const Type*>(symbol(name));
+        return *static_cast<const Type*>(symbol(own_library(), name));
+    }
+    // A function of the registry library that osal.so does not serve.
+    template <class Function>
+    Function* registry_function(const char* name) const {
+        return reinterpret_cast<Function*>(symbol("libtsreg.so", name));
     }
 
   private:
-    void* symbol(const char* name) const;
+    const char* own_library() const;
+    static void* symbol(const char* library, const char* name);
     PIOsal osal_ = nullptr;
 };
 
@@ -67,6 +73,22 @@ class Key {
   private:
     const Session& session_;
     HANDLE handle_ = nullptr;
+};
+
+// What is done to the registry during its life takes effect as a whole, if committed.
+class Transaction {
+  public:
+    explicit Transaction(const Session& session);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void commit();
+
+  private:
+    using Step = KCSTATUS (*)();
+    Step commit_;
+    Step rollback_;
+    bool open_ = false;
 };
 
 // A path with backslashes between the names; "/" is taken as one.
