@@ -329,6 +329,23 @@ TEST(CodePage, TablesThatCannotBeAllocatedFailNothing) {
     }
 }
 
+TEST(CodePage, ALaterChangeOfTheEnvironmentHasNoEffect) {
+    setenv("TESSEL_CODE_PAGE", "850", 1);
+    DllStart();
+    PIOsal first = new_instance();
+    setenv("TESSEL_CODE_PAGE", "866", 1);
+    PIOsal second = new_instance();
+    EXPECT_STREQ(g_pOemCodePage, "850");
+    EXPECT_STREQ(g_pAnsiCodePage, "WINDOWS-1252");
+    WCHAR unit = 0;
+    UINT32 count = 1;
+    EXPECT_EQ(KxMultiByteToWideChar(second, KX_CODE_PAGE_OEM, "\x82", 1, &unit, &count), KC_OK);
+    EXPECT_EQ(unit, 0xE9);
+    second->lpVtbl->Release(second);
+    first->lpVtbl->Release(first);
+    DllStop();
+}
+
 TEST(CodePage, ShutdownWithoutAStartIsHarmless) {
     UnInitCharConvInfrastructure();
     UnInitCharConvInfrastructure();

@@ -448,6 +448,23 @@ TEST_P(ConversionInAStatefulPage, AConverterThatCannotBeOpenedIsLoggedAndFails) 
     EXPECT_EQ(lines[1].text, "UniToLoc: Unable to open conversion descriptor\n");
 }
 
+// As a converter does that keeps the unit x until it sees the next one.
+std::size_t hold_back_x(iconv_t converter, char** in, std::size_t* in_left, char** out,
+                        std::size_t* out_left) {
+    if (in == nullptr || *in == nullptr || *in_left != 4 || memcmp(*in, "x\0\0\0", 4) != 0)
+        return iconv(converter, in, in_left, out, out_left);
+    *in += 4;
+    *in_left = 0;
+    *(*out)++ = 0;
+    --*out_left;
+    return 0;
+}
+
+TEST_P(ConversionInAStatefulPage, AUnitThatYieldsNothingButTheTerminatorIsEscaped) {
+    Interpose converter("osal.so", "iconv", hold_back_x);
+    EXPECT_EQ(from_wide(kOem, wide(u"axb")), "a[0078]b");
+}
+
 TEST(ConversionRoutines, NothingConvertsFromAPageThatDoesNotExistButNotToIt) {
     LogRecorder log;
     WCHAR unit = 0;
@@ -513,6 +530,32 @@ TEST(ConversionRoutines, CapacitiesOfTheRoutinesThemselves) {
     }
     osal->lpVtbl->Release(osal);
     DllStop();
+}
+
+// What a late caller meets: the code pages are gone, UTF-8 needs none.
+TEST(ConversionAfterShutdown, FailsInAPageAndGoesOnInUtf8) {
+    setenv("TESSEL_CODE_PAGE", "437", 1);
+    DllStart();
+    PIOsal osal = new_instance();
+    DllStop();
+    LogRecorder log;
+    StatusRecorder statuses;
+    for (UINT32 selector : {kAnsi, kOem}) {
+        WCHAR unit = 'a';
+        char bytes[12] = "a";
+        UINT32 count = 1;
+        EXPECT_EQ(KxMultiByteToWideChar(osal, selector, bytes, 1, &unit, &count), error(1));
+        statuses.expect_one(1, "locale", "KxMultiByteToWideChar");
+        count = 12;
+        EXPECT_EQ(KxWideCharToMultiByte(osal, selector, &unit, 1, bytes, &count), error(1));
+        statuses.expect_one(1, "locale", "KxWideCharToMultiByte");
+    }
+    EXPECT_EQ(log.take().size(), 4u);
+    WCHAR unit = 0;
+    UINT32 count = 1;
+    EXPECT_EQ(KxMultiByteToWideChar(osal, kUtf8, "\xC3\xA9", 2, &unit, &count), KC_OK);
+    EXPECT_EQ(unit, 0xE9);
+    osal->lpVtbl->Release(osal);
 }
 
 TEST(ConversionRoutines, SequenceLengthCountsLeadingOnes) {

@@ -106,6 +106,18 @@ TEST_P(RoundTrip, AMebibyteComesBack) {
     EXPECT_TRUE(data() == bytes);
 }
 
+TEST_P(RoundTrip, AMebibyteOfTextComesBack) {
+    words.resize(1 << 20);
+    std::u16string large;
+    while (large.size() < 1 << 20)
+        large += u"A line of the text.\n";
+    ASSERT_EQ(set_text(u"large", KX_REG_SZ, large), KC_OK);
+    ASSERT_EQ(query(u"large"), KC_OK);
+    EXPECT_TRUE(text() == large + u'\0');
+    ASSERT_EQ(enumerate(0), KC_OK);
+    EXPECT_TRUE(text() == large + u'\0' + u'\0');
+}
+
 TEST_P(RoundTrip, ReadingDoesNotWriteAndWritingDoesNotRead) {
     HANDLE reader = nullptr;
     HANDLE writer = nullptr;

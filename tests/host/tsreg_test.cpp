@@ -115,6 +115,40 @@ TEST_F(Registry, TheFileAndItsFoldersAreForTheOwnerOnly) {
     EXPECT_EQ(status.st_mode & 07777, 0700u);
 }
 
+std::string output_of(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    char part[256];
+    while (const std::size_t size = fread(part, 1, sizeof part, pipe))
+        output.append(part, size);
+    pclose(pipe);
+    return output;
+}
+
+// Whose home does not exist, so that such a process has no file at all.
+TEST_F(Registry, ASetUserIdProcessIgnoresTheEnvironment) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() != 0) GTEST_SKIP() << "only root may make a set-user-id file";
+    const std::string probe = folder.folder() + "/probe";
+    const std::string library = folder.folder() + "/libtsreg.so";
+    std::filesystem::copy_file(OSAL_BUILD_DIR "/tests/host/registry_probe", probe);
+    std::filesystem::copy_file(OSAL_LIBRARY_DIR "/libtsreg.so", library);
+    ASSERT_EQ(chmod(folder.folder().c_str(), 0777), 0);
+    setenv("HOME", folder.folder().c_str(), 1);
+    setenv("XDG_STATE_HOME", folder.folder().c_str(), 1);
+    const std::string command = probe + " " + library + " 2>&1";
+    EXPECT_EQ(output_of(command), "0 00000000\n");
+    EXPECT_TRUE(std::filesystem::remove(folder.file()));
+    ASSERT_EQ(chown(probe.c_str(), kNobody, 0), 0);
+    ASSERT_EQ(chmod(probe.c_str(), 04755), 0);
+    const std::string secure = output_of(command);
+    if (secure[0] == '0') GTEST_SKIP() << "set-user-id files have no effect in " << probe;
+    EXPECT_EQ(secure, "1 C7F50006\n");
+    EXPECT_FALSE(std::filesystem::exists(folder.file()));
+    EXPECT_FALSE(std::filesystem::exists(folder.folder() + "/orvane"));
+    EXPECT_FALSE(std::filesystem::exists(folder.folder() + "/.local"));
+}
+
 TEST_F(Registry, CreationMakesTheKeysOnTheWayAndSaysWhetherItMadeAny) {
     HANDLE key = nullptr;
     UINT32 disposition = 0;
