@@ -91,15 +91,23 @@ class Memory : public ServiceTest, public testing::WithParamInterface<Parameter>
     }
 };
 
+std::string name_of(const testing::TestParamInfo<Parameter>& info) {
+    return std::string(std::get<0>(info.param) == Way::kExport ? "Export" : "Slot") +
+           (std::get<1>(info.param) == PagedPool ? "Paged" : "NonPaged");
+}
+
 INSTANTIATE_TEST_SUITE_P(By, Memory,
                          testing::Combine(testing::Values(Way::kExport, Way::kSlot),
                                           testing::Values(POOL_TYPE{NonPagedPool},
                                                           POOL_TYPE{PagedPool})),
-                         [](const auto& info) {
-                             return std::string(std::get<0>(info.param) == Way::kExport ? "Export"
-                                                                                        : "Slot") +
-                                    (std::get<1>(info.param) == PagedPool ? "Paged" : "NonPaged");
-                         });
+                         name_of);
+
+// What concerns the paged pool only.
+class PagedMemory : public Memory {};
+INSTANTIATE_TEST_SUITE_P(By, PagedMemory,
+                         testing::Combine(testing::Values(Way::kExport, Way::kSlot),
+                                          testing::Values(POOL_TYPE{PagedPool})),
+                         name_of);
 
 // --- allocation
 
@@ -331,8 +339,7 @@ TEST_P(Memory, FaultsAreLookedForInOrder) {
     OsalReleaseReference(other);
 }
 
-TEST_P(Memory, AnyPoolTypeButZeroIsReleasedAsPaged) {
-    if (pool() != PagedPool) GTEST_SKIP() << "concerns the paged pool";
+TEST_P(PagedMemory, AnyPoolTypeButZeroIsReleasedAsPaged) {
     void* block = alloc(osal, 8);
     poke(static_cast<char*>(block) - 16, 0, 7);
     EXPECT_EQ(free_memory(osal, block), KC_OK);
