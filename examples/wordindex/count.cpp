@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <wctype.h>
 
@@ -12,9 +13,20 @@ namespace {
 
 constexpr std::size_t kChunk = 65536;
 
+// Opens a file as what it was when it was found: a pipe put in its place meanwhile would be waited
+// for, a link would lead to a file of somebody else's.
+int open_regular(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat status;
+    if (file < 0 || (fstat(file, &status) == 0 && S_ISREG(status.st_mode))) return file;
+    close(file);
+    errno = ESTALE;
+    return -1;
+}
+
 class File {
   public:
-    explicit File(const std::string& path) : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    explicit File(const std::string& path) : file_(open_regular(path)) {}
     ~File() {
         if (file_ >= 0) close(file_);
     }

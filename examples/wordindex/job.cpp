@@ -11,6 +11,8 @@
 namespace wordindex {
 namespace {
 
+constexpr UINT32 kBucketsOfFile = 1021;  // or fewer, when that is asked for
+
 std::set<uid_t> owners_of(const std::vector<FoundFile>& files) {
     std::set<uid_t> owners;
     for (const FoundFile& file : files)
@@ -71,7 +73,7 @@ void* Job::routine(HANDLE, void* context) {
 
 void Job::count(const FoundFile& file) {
     if (!advance(0)) return;
-    WordTable words(client_, buckets_);
+    WordTable words(client_, std::min(buckets_, kBucketsOfFile));
     Totals of_file;
     const int error = count_file(client_, file.path, encoding_, words, of_file,
                                  [this](std::size_t bytes) { return advance(bytes); });

@@ -2,6 +2,7 @@
 // reaches as any component does, through the component runtime and the interface table.
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -30,6 +31,13 @@ void complain(const std::vector<Unreadable>& unreadable) {
         fprintf(stderr, "wordindex: %s: %s\n", path.c_str(), strerror(error));
 }
 
+// A terminal that can wipe a line, of a person who looks at it.
+bool may_draw(const Options& options) {
+    const char* terminal = getenv("TERM");
+    return isatty(STDERR_FILENO) && !options.machine_readable && terminal != nullptr &&
+           *terminal != 0 && strcmp(terminal, "dumb") != 0;
+}
+
 bool count_was_cut_short(Job& job, const Totals& totals) {
     if (!interrupted()) return false;
     fprintf(stderr, "wordindex: interrupted: %zu of %zu files are counted\n",
@@ -41,7 +49,7 @@ int index_folder(const Client& client, const Options& options, const Note& note)
     const UINT64 start = now_100ns(client);
     std::vector<Unreadable> folders;
     Job job(client, find_files(options.folder, folders), options);
-    count(client, job, isatty(STDERR_FILENO) && !options.machine_readable);
+    count(client, job, may_draw(options));
     Summary summary(client, options.buckets);
     summarize(job, summary);
     summary.elapsed_100ns = now_100ns(client) - start;

@@ -78,8 +78,20 @@ bool RegistryKey::query(const char16_t* name, KX_REG_TYPE type, Value& value) co
     return true;
 }
 
+bool RegistryKey::holds(const char16_t* name, KX_REG_TYPE type, const void* data,
+                        std::size_t size) const {
+    Value value;
+    UINT32 used = 0;
+    const KCSTATUS status = client.call<&IOsalVtbl::KxQueryValueKey>(
+        handle, wide(name), PVOID{value.bytes}, UINT32{sizeof value.bytes}, &used);
+    return !KC_IS_ERROR(status) && value.record.ValueType == type &&
+           value.record.ValueLength == size && memcmp(value.data(), data, size) == 0;
+}
+
+// A value is written only if it changes: a write waits for the disk.
 void RegistryKey::set(const char16_t* name, KX_REG_TYPE type, const void* data,
                       std::size_t size) const {
+    if (holds(name, type, data, size)) return;
     const KCSTATUS status = client.call<&IOsalVtbl::KxSetValueKey>(handle, wide(name), type, data,
                                                                    static_cast<UINT32>(size));
     if (KC_IS_ERROR(status)) throw failure("registry value " + narrow(name), status);

@@ -28,6 +28,7 @@ class RegistryKey : Owned<&IOsalVtbl::KxCloseKey> {
     // A value's data behind its record.
     struct Value;
     bool query(const char16_t* name, KX_REG_TYPE type, Value& value) const;
+    bool holds(const char16_t* name, KX_REG_TYPE type, const void* data, std::size_t size) const;
     void set(const char16_t* name, KX_REG_TYPE type, const void* data, std::size_t size) const;
 };
 

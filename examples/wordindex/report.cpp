@@ -33,9 +33,13 @@ std::string user_name(uid_t user) {
     return known != nullptr ? known->pw_name : std::to_string(user);
 }
 
+std::string counted(UINT64 count, const char* what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 void print_figures(const Totals& totals, UINT64 distinct) {
-    printf("%" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " words, %" PRIu64 " distinct",
-           totals.files, totals.bytes, totals.words, distinct);
+    printf("%s, %s, %s, %" PRIu64 " distinct", counted(totals.files, "file").c_str(),
+           counted(totals.bytes, "byte").c_str(), counted(totals.words, "word").c_str(), distinct);
 }
 
 void print_for_people(const Client& client, const Summary& summary,

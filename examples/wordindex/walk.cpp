@@ -9,6 +9,8 @@
 #include <set>
 #include <utility>
 
+#include "interrupt.h"
+
 namespace wordindex {
 namespace {
 
@@ -44,7 +46,7 @@ std::vector<FoundFile> find_files(const std::string& folder, std::vector<Unreada
         unreadable.push_back({folder, errno});
         return files;
     }
-    while (const FTSENT* entry = fts_read(walk.get()))
+    while (const FTSENT* entry = interrupted() ? nullptr : fts_read(walk.get()))
         switch (entry->fts_info) {
             case FTS_F:
                 if (names.is_first(*entry->fts_statp))

@@ -23,7 +23,7 @@ struct Unreadable {
 
 // All regular files below a folder, by name within each folder. Symbolic links are not followed,
 // but for `folder` itself; a file with several names is found once. Folders that cannot be read are
-// added to `unreadable`.
+// added to `unreadable`. Ctrl-C cuts the search short.
 std::vector<FoundFile> find_files(const std::string& folder, std::vector<Unreadable>& unreadable);
 
 }  // namespace wordindex
