@@ -34,16 +34,27 @@ void enter_bucket(pObjectInfo oi, pObject ob, PLIST_ENTRY bucket) {
     service<&IOsalVtbl::KxInterlockedExchange>(oi->pIOsal, &ob->instanceCount, UINT32{1});
 }
 
-// Takes the object out of its list and marks it; its references keep it.
-void withdraw(pObjectInfo oi, pObject ob, UINT8 mark) {
+// Marks an object as being ended, which is done under its lock; false if it was marked before.
+// ours: by the caller itself, under the lock that it has given up.
+//
+// A lock that nobody asked for yet is not taken: whoever asks for it from here on finds the mark.
+bool mark_ended(pObjectInfo oi, pObject ob, UINT8 mark, bool ours) {
+    const UINT8 cleared = mark == OBJ_FLAG_DELETED ? OBJ_FLAG_PREALLOCATED : 0;
+    if (mark_while_unlocked(ob, cleared, mark)) return true;
+    lock_object(oi, ob, KX_OBJECT_EXCLUSIVE);
+    const bool ends = ours || !has(ob, kEndingFlags);
+    if (ends) change_flags(ob, cleared, mark);
+    unlock_object(oi, ob);
+    return ends;
+}
+
+// Marks an object and takes it out of its list; its references keep it.
+void withdraw(pObjectInfo oi, pObject ob, UINT8 mark, bool ours) {
     const bool preallocated = has(ob, OBJ_FLAG_PREALLOCATED);
-    if (preallocated)
-        leave_allocated(oi, ob);
-    else
-        service<&IOsalVtbl::KxRemoveEntryList>(oi->pIOsal, &ob->objectLink);
-    if (mark == OBJ_FLAG_DEALLOCATED) return change_flags(ob, 0, mark);
-    if (preallocated) ob->marks |= kUncounted;
-    change_flags(ob, OBJ_FLAG_PREALLOCATED, mark);
+    if (!mark_ended(oi, ob, mark, ours)) return;
+    if (!preallocated) return service<&IOsalVtbl::KxRemoveEntryList>(oi->pIOsal, &ob->objectLink);
+    leave_allocated(oi, ob);
+    if (mark == OBJ_FLAG_DELETED) set_mark(ob, kUncounted);
 }
 
 // Deletes or deallocates. FALSE as in drop_locked, with the instance lock given up.
@@ -51,15 +62,11 @@ void withdraw(pObjectInfo oi, pObject ob, UINT8 mark) {
 // A caller who holds the object exclusively marks it before giving it up: every lookup that takes
 // the object's lock from then on refuses it.
 bool end_object(pObjectInfo oi, pObject ob, UINT32 accessType, UINT8 mark) {
-    const bool marked = accessType == KX_OBJECT_EXCLUSIVE && !has(ob, kEndingFlags);
-    if (marked) change_flags(ob, 0, mark);
+    const bool ours = accessType == KX_OBJECT_EXCLUSIVE && !has(ob, kEndingFlags);
+    if (ours) change_flags(ob, 0, mark);
     if (accessType != KX_OBJECT_NO_ACCESS) unlock_object(oi, ob);
     lock_exclusive(oi);
-    if ((ob->marks & kHandedOver) == 0) {
-        lock_object(oi, ob, KX_OBJECT_EXCLUSIVE);
-        if (marked || !has(ob, kEndingFlags)) withdraw(oi, ob, mark);
-        unlock_object(oi, ob);
-    }
+    if (!marked(ob, kHandedOver)) withdraw(oi, ob, mark, ours);
     if (drop_locked(oi, ob)) return true;
     unlock(oi);
     return false;
@@ -73,9 +80,9 @@ KCSTATUS create_locked(pObjectInfo oi, PLIST_ENTRY bucket, PKX_OBJECT_INIT_ROUTI
     if (const UINT32 code = occupy_slot(oi, ob); code != 0) return fail(code, "ObjectCreate", 499);
     if (const KCSTATUS status = init_or_return(oi, ob, init, init_data); is_error(status))
         return status;
-    change_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE | OBJ_FLAG_READY);
     enter_bucket(oi, ob, bucket);
     if (access == KX_OBJECT_EXCLUSIVE || access == KX_OBJECT_SHARED) lock_object(oi, ob, access);
+    make_live(ob, OBJ_FLAG_READY);
     *ppUserData = data_of(ob);
     return KC_OK;
 }
@@ -92,13 +99,15 @@ KCSTATUS block_for_handle(pObjectInfo oi, UINT32 id, pBlockHeader* bh) {
 }
 
 // Contract: the object does not become ready, so a lookup that asks for access waits for ever.
-KCSTATUS create_in_slot(pObjectInfo oi, pObject ob, PKX_OBJECT_INIT_ROUTINE init, PVOID init_data) {
+KCSTATUS create_in_slot(pObjectInfo oi, pObject ob, UCHAR generation, PKX_OBJECT_INIT_ROUTINE init,
+                        PVOID init_data) {
     if (const UINT32 code = occupy_slot(oi, ob); code != 0)
         return fail(code, "ObjectCreateByHandle", 797);
     if (const KCSTATUS status = init_or_return(oi, ob, init, init_data); is_error(status))
         return status;
-    change_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE);
+    set_generation(ob, generation);
     enter_bucket(oi, ob, oi->pHashListArray);
+    make_live(ob, 0);
     return KC_OK;
 }
 
@@ -112,14 +121,14 @@ KCSTATUS take_by_handle(pObjectInfo oi, UINT32 handle, PKX_OBJECT_INIT_ROUTINE i
     pObject ob = slot_of(oi, bh, handle_slot(handle));
     const bool is_free = has(ob, OBJ_FLAG_FREE);
     if (is_free) {
-        status = create_in_slot(oi, ob, init, init_data);
+        status = create_in_slot(oi, ob, handle_generation(handle), init, init_data);
         if (is_error(status)) return status;
     } else {
-        if ((ob->marks & kHandedOver) != 0)
+        if (marked(ob, kHandedOver))
             return fail(KC_CODE_INVALID_HANDLE, "ObjectCreateByHandle", 666);
         add_reference(oi, ob);
+        set_generation(ob, handle_generation(handle));
     }
-    set_generation(ob, handle_generation(handle));
     *ppUserData = data_of(ob);
     *mode = is_free ? KX_OBJECT_CREATED : KX_OBJECT_OPENED;
     return KC_OK;
@@ -130,10 +139,10 @@ KCSTATUS allocate_locked(pObjectInfo oi, PVOID* ppUserData) {
     if (ob == nullptr) return fail(KC_CODE_NO_RESOURCES, "ObjectAllocate", 1927);
     if (const UINT32 code = occupy_slot(oi, ob); code != 0)
         return fail(code, "ObjectAllocate", code == KC_CODE_INVALID_ARGUMENT ? 1962 : 1991);
-    change_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE | OBJ_FLAG_PREALLOCATED);
     store(ob->instanceCount, UINT32{1});
     service<&IOsalVtbl::KxInsertTailList>(oi->pIOsal, &oi->allocatedList, &ob->objectLink);
     ++oi->statsPreallocated;
+    make_live(ob, OBJ_FLAG_PREALLOCATED);
     *ppUserData = data_of(ob);
     return KC_OK;
 }

@@ -18,16 +18,15 @@ IndexLeaf* make_leaf(pObjectInfo oi, UINT32 number) {
     return static_cast<IndexLeaf*>(leaf);
 }
 
-void end_leaf(pObjectInfo oi, UINT32 number) {
-    if (number != 0) service<&IOsalVtbl::KxFreeMemory>(oi->pIOsal, PVOID{oi->index.leaf[number]});
-    oi->index.leaf[number] = nullptr;
+void end_leaf(pObjectInfo oi, IndexLeaf* leaf) {
+    if (leaf != &oi->index.first) service<&IOsalVtbl::KxFreeMemory>(oi->pIOsal, PVOID{leaf});
 }
 
 }  // namespace
 
 pBlockHeader find_block(const BlockIndex& index, UINT32 id) {
-    const IndexLeaf* leaf = index.leaf[id / 256];
-    return leaf != nullptr ? leaf->block[id % 256] : nullptr;
+    const IndexLeaf* leaf = load(index.leaf[id / 256], std::memory_order_seq_cst);
+    return leaf != nullptr ? load(leaf->block[id % 256], std::memory_order_seq_cst) : nullptr;
 }
 
 pBlockHeader first_block_from(const BlockIndex& index, UINT32 id) {
@@ -63,10 +62,11 @@ bool index_block(pObjectInfo oi, pBlockHeader bh) {
     BlockIndex& index = oi->index;
     const UINT32 number = bh->blockId / 256u;
     const UINT32 in_leaf = bh->blockId % 256u;
-    IndexLeaf*& leaf = index.leaf[number];
+    IndexLeaf* leaf = index.leaf[number];
     if (leaf == nullptr) leaf = make_leaf(oi, number);
     if (leaf == nullptr) return false;
-    leaf->block[in_leaf] = bh;
+    store(leaf->block[in_leaf], bh, std::memory_order_seq_cst);
+    store(index.leaf[number], leaf, std::memory_order_seq_cst);
     leaf->used.put(in_leaf, true);
     index.used.put(number, true);
     index.full.put(number, leaf->used.first_gap(first_id_in(number)) == Set256::kNone);
@@ -79,12 +79,16 @@ void unindex_block(pObjectInfo oi, pBlockHeader bh) {
     const UINT32 number = bh->blockId / 256u;
     IndexLeaf* leaf = index.leaf[number];
     note_room(index, bh->blockId, false);
-    leaf->block[bh->blockId % 256u] = nullptr;
+    store(leaf->block[bh->blockId % 256u], pBlockHeader{nullptr}, std::memory_order_seq_cst);
     leaf->used.put(bh->blockId % 256u, false);
     index.full.put(number, false);
-    if (!leaf->used.empty()) return;
-    index.used.put(number, false);
-    end_leaf(oi, number);
+    const bool last = leaf->used.empty();
+    if (last) {
+        index.used.put(number, false);
+        store(index.leaf[number], static_cast<IndexLeaf*>(nullptr), std::memory_order_seq_cst);
+    }
+    await_readers(oi->readers);
+    if (last) end_leaf(oi, leaf);
 }
 
 void note_room(BlockIndex& index, UINT32 id, bool has_room) {

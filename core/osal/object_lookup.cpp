@@ -19,12 +19,18 @@ KCSTATUS fail(UINT32 code, const char* function, UINT32 line) {
 // Null: no such slot, or its object is not the one named. A deallocated object that is on its way
 // back is none either: a reference taken now would outlive its generation.
 pObject resolve(pObjectInfo oi, UINT32 handle) {
-    const UINT32 number = handle_slot(handle);
-    pBlockHeader bh = find_block(oi->index, handle_block(handle));
-    if (bh == nullptr || number == 0 || number > oi->objectsPerBlock) return nullptr;
-    pObject ob = slot_of(oi, bh, number);
-    const bool named = handle_of(ob) == handle && !has(ob, OBJ_FLAG_FREE | OBJ_FLAG_DELETED);
-    return named && (ob->marks & kHandedOver) == 0 ? ob : nullptr;
+    pObject ob = named_slot(oi, handle);
+    if (ob == nullptr || handle_of(ob) != handle) return nullptr;
+    return has(ob, OBJ_FLAG_FREE | OBJ_FLAG_DELETED) || marked(ob, kHandedOver) ? nullptr : ob;
+}
+
+// The search changes nothing but the reference count, so the instance lock is taken shared.
+pObject reference_locked(pObjectInfo oi, UINT32 handle) {
+    lock_shared(oi);
+    pObject ob = resolve(oi, handle);
+    if (ob != nullptr) add_reference(oi, ob);
+    unlock(oi);
+    return ob;
 }
 
 // An object that is being ended will never be ready.
@@ -44,7 +50,7 @@ bool lock_live(pObjectInfo oi, pObject ob, UINT32 access) {
 }
 
 bool qualifies(pObject ob, UINT8 excluded, PKX_OBJECT_COMPARE_ROUTINE compare, PVOID data) {
-    return has(ob, OBJ_FLAG_IN_USE) && !has(ob, excluded) && (ob->marks & kHandedOver) == 0 &&
+    return has(ob, OBJ_FLAG_IN_USE) && !has(ob, excluded) && !marked(ob, kHandedOver) &&
            (compare == nullptr || compare(data_of(ob), data) == TRUE);
 }
 
@@ -98,8 +104,8 @@ KCSTATUS open_locked(pObjectInfo oi, PLIST_ENTRY bucket, PKX_OBJECT_INIT_ROUTINE
     service<&IOsalVtbl::KxInsertTailList>(osal, bucket, link);
     ++oi->statsInUse;
     --oi->statsPreallocated;
-    change_flags(ob, OBJ_FLAG_FREE | OBJ_FLAG_PREALLOCATED | OBJ_FLAG_READY, OBJ_FLAG_IN_USE);
     service<&IOsalVtbl::KxInterlockedExchange>(osal, &ob->instanceCount, UINT32{1});
+    change_flags(ob, OBJ_FLAG_FREE | OBJ_FLAG_PREALLOCATED | OBJ_FLAG_READY, OBJ_FLAG_IN_USE);
     *opened = ob;
     return KC_OK;
 }
@@ -124,19 +130,14 @@ KCSTATUS open_live(pObjectInfo oi, PLIST_ENTRY bucket, PKX_OBJECT_INIT_ROUTINE i
 
 }  // namespace
 
-// The instance lock is taken shared: the search changes nothing but the reference count.
 KCSTATUS ObjectReferenceByHandle(PVOID pThis, HANDLE handle, UINT32 accessType, PVOID* ppUserData) {
     pObjectInfo oi = usable(pThis);
     if (oi == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectReferenceByHandle", 1033);
-    lock_shared(oi);
-    pObject ob = resolve(oi, handle_word(handle));
-    if (ob != nullptr) {
-        add_reference(oi, ob);
-        *ppUserData = data_of(ob);
-    }
-    unlock(oi);
+    pObject ob = reference_unlocked(oi, handle_word(handle));
+    if (ob == nullptr) ob = reference_locked(oi, handle_word(handle));
     if (ob == nullptr) return unlogged_object_error(KC_CODE_INVALID_HANDLE);
+    *ppUserData = data_of(ob);
     if (accessType == KX_OBJECT_NO_ACCESS || lock_live(oi, ob, accessType)) return KC_OK;
     return fail(KC_CODE_INVALID_HANDLE, "ObjectReferenceByHandle", 1114);
 }

@@ -39,6 +39,8 @@ void make_slot(pBlockHeader bh, pObject ob, UINT32 number, UINT8 flags) {
     ob->protect = {};
     ob->flags = flags;
     ob->marks = 0;
+    ob->generation = 1;
+    ob->unused = 0;
     ob->instanceCount = 0;
 }
 
@@ -66,13 +68,13 @@ pBlockHeader AllocBlock(pObjectInfo oi, UINT16 blockId, PLIST_ENTRY bhBefore, UI
     bh->blockId = blockId;
     bh->freeObjectCount = static_cast<UINT16>(oi->objectsPerBlock);
     bh->oi = oi;
+    for (UINT32 number = 1; number <= oi->objectsPerBlock; ++number)
+        make_slot(bh, slot_of(oi, bh, number), number, static_cast<UINT8>(flags));
     if (!index_block(oi, bh)) {
         service<&IOsalVtbl::KxFreeMemory>(oi->pIOsal, PVOID{bh});
         return nullptr;
     }
     oi->statsAllocated += oi->objectsPerBlock;
-    for (UINT32 number = 1; number <= oi->objectsPerBlock; ++number)
-        make_slot(bh, slot_of(oi, bh, number), number, static_cast<UINT8>(flags));
     link_block(oi, bh, bhBefore);
     return bh;
 }
@@ -142,7 +144,7 @@ UINT32 occupy_slot(pObjectInfo oi, pObject ob) {
         return_slot(oi, ob);
         return code;
     }
-    ob->marks = 0;
+    store(ob->marks, UINT8{0});
     const auto size = static_cast<UINT32>(oi->objectSize - sizeof(Object));
     service<&IOsalVtbl::KxZeroMemory>(oi->pIOsal, data_of(ob), size);
     return 0;

@@ -89,7 +89,7 @@ Ending ending_of(pObjectInfo oi, pObject ob) {
 // A preallocated object of an instance that is being torn down is deleted, whatever was to become
 // of it. It was not counted as in use and will not be.
 void turn_into_deleted(pObject ob) {
-    if (has(ob, OBJ_FLAG_PREALLOCATED)) ob->marks |= kUncounted;
+    if (has(ob, OBJ_FLAG_PREALLOCATED)) set_mark(ob, kUncounted);
     change_flags(ob, OBJ_FLAG_PREALLOCATED | OBJ_FLAG_DEALLOCATED, OBJ_FLAG_DELETED);
 }
 
@@ -103,7 +103,7 @@ void run_unlocked(pObjectInfo oi, PKX_OBJECT_ROUTINE routine, pObject ob) {
 BOOLEAN recycle(pObjectInfo oi, pObject ob) {
     set_generation(ob, static_cast<UCHAR>(ob->handleInstance + 1));
     change_flags(ob, kEndingFlags, 0);
-    ob->marks = 0;
+    clear_marks(ob, kHandedOver | kUncounted);
     service<&IOsalVtbl::KxInsertTailList>(oi->pIOsal, &oi->allocatedList, &ob->objectLink);
     ++oi->statsPreallocated;
     return FALSE;
@@ -228,9 +228,9 @@ void InternalRelease(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect)
 }
 
 BOOLEAN FreeObject(pObjectInfo oi, pObject ob, BOOLEAN ignoreAccessLevel) {
-    ob->marks |= kHandedOver;
+    set_mark(ob, kHandedOver);
     if (running_down(oi) && has(ob, OBJ_FLAG_DEALLOCATED)) turn_into_deleted(ob);
-    const bool counted = !has(ob, OBJ_FLAG_PREALLOCATED) && (ob->marks & kUncounted) == 0;
+    const bool counted = !has(ob, OBJ_FLAG_PREALLOCATED) && !marked(ob, kUncounted);
     const Ending ending = ending_of(oi, ob);
     const bool deferred = (load(oi->flags) & OI_FLAG_DEFERRED_DELETE) != 0;
     if (ending.routine != nullptr && deferred && !ignoreAccessLevel) {
@@ -299,7 +299,7 @@ bool drop_locked(pObjectInfo oi, pObject ob) {
     if (load(ob->instanceCount) != 0 &&
         service<&IOsalVtbl::KxInterlockedDecrement>(oi->pIOsal, &ob->instanceCount) != 0)
         return false;
-    if (!has(ob, kEndingFlags) || (ob->marks & kHandedOver) != 0) return false;
+    if (!has(ob, kEndingFlags) || marked(ob, kHandedOver)) return false;
     return FreeObject(oi, ob, FALSE);
 }
 

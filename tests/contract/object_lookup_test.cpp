@@ -246,6 +246,95 @@ TEST_P(ObjectLookup, AnUnknownAccessTakesNoLockAndSucceeds) {
     end(data);
 }
 
+// A client routine that runs under the instance lock keeps others from what the lock guards, not
+// from an object that is there already.
+class LockedInstance {
+  public:
+    // Of CreateObject, OpenObject and CreateObjectByHandle.
+    static KCSTATUS init(PVOID data, PVOID self) {
+        auto* locked = static_cast<LockedInstance*>(self);
+        word_of(data) = 5;
+        locked->inside = true;
+        while (!locked->leave)
+            nap();
+        return KC_OK;
+    }
+    std::atomic<bool> inside = false, leave = false;
+};
+
+TEST_P(ObjectLookup, AHandleOfALiveObjectIsGoodWhileTheInstanceIsLocked) {
+    start();
+    PVOID data = create(1);
+    const HANDLE handle = handle_of(data);
+    LockedInstance locked;
+    PVOID made = nullptr;
+    RawThread maker([&] {
+        om.CreateObject(info, &locked, LockedInstance::init, nullptr, nullptr, 0, 0, 0, &made,
+                        nullptr);
+    });
+    ASSERT_TRUE(eventually([&] { return locked.inside.load(); }));
+    EXPECT_EQ(reference(handle), data);
+    om.DereferenceObject(info, data, 0);
+    EXPECT_EQ(count(data), 1u);
+    locked.leave = true;
+    maker.join();
+    end(data);
+    end(made);
+}
+
+TEST_P(ObjectLookup, AHandleThatIsBeingMadeIsWaitedFor) {
+    start();
+    const HANDLE handle = handle_from(0x02070001);
+    LockedInstance locked;
+    PVOID made = nullptr, found = nullptr;
+    RawThread maker([&] {
+        om.CreateObjectByHandle(info, osal::handle_from(0x02070001), &locked, LockedInstance::init,
+                                0, 0, &made, nullptr);
+    });
+    ASSERT_TRUE(eventually([&] { return locked.inside.load(); }));
+    RawThread finder([&] { found = reference(handle); });
+    nap(milliseconds(20));
+    EXPECT_FALSE(finder.done());
+    locked.leave = true;
+    finder.join();
+    maker.join();
+    ASSERT_EQ(found, made);
+    om.DereferenceObject(info, made, 0);
+    end(made);
+}
+
+TEST_P(ObjectLookup, AReferenceTakenWhileAnObjectIsBeingOpenedIsNotForgotten) {
+    start();
+    PVOID data = allocate(1);
+    const HANDLE handle = handle_of(data);
+    LockedInstance locked;
+    PVOID opened = nullptr, found = nullptr;
+    RawThread opener([&] {
+        om.OpenObject(info, &locked, LockedInstance::init, nullptr, nullptr, 0, 0, 0, &opened,
+                      nullptr);
+    });
+    ASSERT_TRUE(eventually([&] { return locked.inside.load(); }));
+    RawThread finder([&] { found = reference(handle); });
+    nap(milliseconds(20));
+    EXPECT_FALSE(finder.done());
+    locked.leave = true;
+    finder.join();
+    opener.join();
+    EXPECT_EQ(found, data);
+    EXPECT_EQ(count(data), 2u);
+    om.DereferenceObject(info, data, 0);
+    end(data);
+}
+
+TEST_P(ObjectLookup, AnObjectWithoutReferencesIsFoundByItsHandle) {
+    start();
+    PVOID data = create(1);
+    om.DecrementReference(info, data);
+    EXPECT_EQ(reference(handle_of(data)), data);
+    EXPECT_EQ(count(data), 1u);
+    end(data);
+}
+
 // --- FindObject ---
 
 TEST_P(ObjectLookup, FindWithoutACompareRoutineTakesTheFirstOfTheBucket) {

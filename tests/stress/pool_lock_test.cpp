@@ -55,7 +55,7 @@ struct Guarded {
 
 class PoolLock : public testing::Test {
   protected:
-    PoolLock() { osal::enable_pool_bias(); }
+    PoolLock() { osal::request_barrier(); }
 };
 
 TEST(PoolLockWithoutBarrier, StaysAPlainMutex) {

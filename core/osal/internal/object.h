@@ -4,7 +4,7 @@
 // the object). Deleting and deallocating wait for the object lock with the instance lock held;
 // everything else gives one up before it waits for the other. The locks come from the services, so
 // they are no capabilities to the compiler; "caller holds the instance lock" below means
-// exclusively.
+// exclusively. A look-up by handle that grants takes neither, see object_readers.h.
 //
 // Threads: at most one deletion thread an instance, see objdel.cpp.
 #pragma once
@@ -16,6 +16,7 @@
 #include "osal/internal/instance.h"
 #include "osal/internal/list.h"
 #include "osal/internal/object_index.h"
+#include "osal/internal/object_readers.h"
 #include "osal/internal/status.h"
 #include "osal/iom.h"
 
@@ -47,7 +48,7 @@ static_assert(sizeof(ProtectToken) == 16);
 // pIOsal to pfDeallocate, pHashListArray, objDeleteWorkHandle, stride: set by Initialize, then
 // constant. flags: changed under the instance lock, read without it as well. The lists but the
 // buckets' array, the statistics, index: guarded by the instance lock, exclusively for a change.
-// objDeleteActive: likewise, but for the work item, which clears it.
+// objDeleteActive: likewise, but for the work item, which clears it. readers: atomic.
 // pfDebug, Hash, Initialize, Compare: never set; part of the record only.
 typedef struct _ObjectInfo {
     const IOMVtbl* lpVtbl;
@@ -79,6 +80,7 @@ typedef struct _ObjectInfo {
     // Behind the stated fields.
     UINT64 stride;  // bytes from slot to slot: objectSize rounded up to 8, not cut to 32 bits
     osal::BlockIndex index;
+    osal::Readers readers;
 } ObjectInfo, *pObjectInfo;
 static_assert(offsetof(ObjectInfo, lpVtbl) == 0);
 static_assert(offsetof(ObjectInfo, cReference) == 8);
@@ -116,10 +118,12 @@ typedef UINT32 __attribute__((may_alias)) HandleWord;
 
 // Heads a slot; the client's data follows directly.
 //
-// objectLink, marks, protect.handle: guarded by the instance lock. handleId, handleInstance,
-// handleIndex: changed under the instance lock, read by holders of a reference without it, as one
-// word. flags: changed atomically, under the instance lock or the exclusive object lock, read
-// without them. instanceCount: atomic. blockStart never changes.
+// objectLink, protect.handle: guarded by the instance lock. handleId, handleInstance, handleIndex:
+// changed under the instance lock, read by holders of a reference without it, as one word. flags:
+// changed atomically, under the instance lock or the exclusive object lock, read without them.
+// marks: atomic, changed under the instance lock but for kLockUsed. generation: handleInstance once
+// more, where a look-up sees it in one word with what else it must know; changed like that one.
+// instanceCount: atomic. blockStart never changes.
 typedef struct _Object {
     LIST_ENTRY objectLink;
     UINT16 handleId;
@@ -128,7 +132,10 @@ typedef struct _Object {
     pBlockHeader blockStart;
     ProtectToken protect;
     UINT8 flags;
-    UINT8 marks;  // between stated fields, in what is padding otherwise
+    // Between stated fields, in what is padding otherwise.
+    UINT8 marks;
+    UCHAR generation;
+    UINT8 unused;
     UINT32 instanceCount;
 } Object, *pObject;
 static_assert(offsetof(Object, handleId) == 16);
@@ -137,6 +144,7 @@ static_assert(offsetof(Object, handleIndex) == 19);
 static_assert(offsetof(Object, blockStart) == 24);
 static_assert(offsetof(Object, protect) == 32);
 static_assert(offsetof(Object, flags) == 48);
+static_assert(offsetof(Object, marks) == 49 && offsetof(Object, generation) == 50);
 static_assert(offsetof(Object, instanceCount) == 52);
 static_assert(sizeof(Object) == 56, "client data follows directly");
 
@@ -269,12 +277,49 @@ inline void change_flags(pObject ob, UINT8 cleared, UINT8 set) {
 // Marks.
 inline constexpr UINT8 kHandedOver = 0x01;  // FreeObject has it: queued or being freed
 inline constexpr UINT8 kUncounted = 0x02;   // deleted while preallocated: not part of statsInUse
+inline constexpr UINT8 kLockUsed = 0x04;    // somebody asked for its lock since that was made
+
+inline bool marked(pObject ob, UINT8 mark) {
+    return (load(ob->marks) & mark) != 0;
+}
+inline void set_mark(pObject ob, UINT8 mark) {
+    std::atomic_ref<UINT8>(ob->marks).fetch_or(mark);
+}
+inline void clear_marks(pObject ob, UINT8 cleared) {
+    std::atomic_ref<UINT8>(ob->marks).fetch_and(static_cast<UINT8>(~cleared));
+}
+
+// An object's state as one word, from the low bits up: flags, marks, generation, nothing, count.
+typedef UINT64 __attribute__((may_alias)) StateWord;
+constexpr UINT64 state_of(UINT8 flags, UINT8 marks, UCHAR generation, UINT32 count) {
+    return flags | UINT64{marks} << 8 | UINT64{generation} << 16 | UINT64{count} << 32;
+}
+inline std::atomic_ref<UINT64> state_word(pObject ob) {
+    return std::atomic_ref<UINT64>(reinterpret_cast<StateWord&>(ob->flags));
+}
+
+// Makes a live object of an occupied slot that is complete: look-ups may find it from here on.
+inline void make_live(pObject ob, UINT8 set) {
+    change_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE | set);
+}
 
 inline void lock_object(pObjectInfo oi, pObject ob, UINT32 access) {
+    if (!marked(ob, kLockUsed)) set_mark(ob, kLockUsed);
     InternalAcquire(oi, oi->accessLevel, &ob->protect, access);
 }
 inline void unlock_object(pObjectInfo oi, pObject ob) {
     InternalRelease(oi, oi->accessLevel, &ob->protect);
+}
+
+// Changes the flags of an object that is not being ended and whose lock nobody asked for yet, in
+// one step; false if it is not like that.
+inline bool mark_while_unlocked(pObject ob, UINT8 cleared, UINT8 set) {
+    constexpr UINT64 excluded = state_of(kEndingFlags, kLockUsed, 0, 0);
+    std::atomic_ref<UINT64> state = state_word(ob);
+    UINT64 found = state.load();
+    while ((found & excluded) == 0)
+        if (state.compare_exchange_weak(found, (found & ~UINT64{cleared}) | set)) return true;
+    return false;
 }
 
 // Makes the lock of an object whose slot was just taken. Returns a code: 0, 4 for an instance
@@ -322,16 +367,26 @@ inline UINT32 scramble_of(PVOID pThis) {
 inline UINT32 handle_of(pObject ob) {
     return load(reinterpret_cast<HandleWord&>(ob->handleId));
 }
+// The copy first: a handle that somebody reads must be good.
 inline void set_generation(pObject ob, UCHAR generation) {
+    store(ob->generation, generation);
     const UINT32 handle = make_handle(ob->handleId, generation, ob->handleIndex);
     store(reinterpret_cast<HandleWord&>(ob->handleId), HandleWord{handle});
 }
 
-// --- Slots; caller holds the instance lock ---
+// --- Slots; caller holds the instance lock, or looks without it (object_readers.h) ---
 
 // A block's slot by its 1-based number.
 inline pObject slot_of(pObjectInfo oi, pBlockHeader bh, UINT32 number) {
     return reinterpret_cast<pObject>(reinterpret_cast<char*>(bh + 1) + (number - 1) * oi->stride);
+}
+
+// The slot that a handle names, in use or not; null if there is none.
+inline pObject named_slot(pObjectInfo oi, UINT32 handle) {
+    const UINT32 number = handle_slot(handle);
+    pBlockHeader bh = find_block(oi->index, handle_block(handle));
+    return bh != nullptr && number != 0 && number <= oi->objectsPerBlock ? slot_of(oi, bh, number)
+                                                                         : nullptr;
 }
 
 // A free slot of the lowest block that has one, of a new block if none has. Null: no block.

@@ -3,7 +3,8 @@
 //
 // Two levels of 256: a root with one leaf for each 256 ids. Leaves beyond the first come from the
 // paged pool with the first block of their range and go with its last one, so the index is as empty
-// as the instance. Guarded by the instance lock like the list it mirrors.
+// as the instance. Guarded by the instance lock like the list it mirrors; the pointers alone are
+// also read without it (object_readers.h), from leaf to block.
 #pragma once
 
 #include "osal/types.h"
@@ -60,8 +61,10 @@ pBlockHeader first_block_from(const BlockIndex& index, UINT32 id);  // lowest id
 pBlockHeader first_block_with_room(const BlockIndex& index);
 UINT16 lowest_unused_id(const BlockIndex& index);  // 0: all 65,535 are in use
 
-// Enters a block with its room; false if there is no memory.
+// Enters a block, whose slots are made, with its room; false if there is no memory.
 bool index_block(pObjectInfo oi, pBlockHeader bh);
+
+// Takes a block out; nobody has a pointer to it from the index afterwards.
 void unindex_block(pObjectInfo oi, pBlockHeader bh);
 
 // To be called when a block's first free slot came or its last one went.

@@ -4,8 +4,7 @@
 // malloc and free cost. So a pool's mutex is biased to the first thread that takes it: that thread
 // marks itself busy with plain stores. Any other thread first takes the mutex, ends the bias for
 // good and waits until its holder is out; from then on the mutex alone decides. A process-wide
-// memory barrier (the membarrier system call), paid by the thread that ends the bias, orders the
-// two sides.
+// memory barrier, paid by the thread that ends the bias, orders the two sides.
 //
 // Only list and counter updates are done under these locks: nothing blocks, calls out or can be
 // cancelled inside. After fork a bias of another thread is ended in the child like any other, as
@@ -16,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "osal/internal/barrier.h"
 #include "osal/internal/mutex.h"
 #include "osal/types.h"
 
@@ -27,23 +27,16 @@ struct PoolBias {
     std::atomic<UINT32> busy;           // 1 while the owner is inside
 };
 
-// The address of the thread's control block: unique among live threads. A later thread may get it
-// again; it then continues the bias of a thread that is gone.
-inline std::uintptr_t thread_token() {
-    std::uintptr_t token;
-    asm("mov %%fs:0, %0" : "=r"(token));
-    return token;
-}
-
 // True if the calling thread is inside by its bias; it then leaves with leave_biased.
 inline bool enter_biased(PoolBias& bias) {
     const std::uintptr_t self = thread_token();
     if (bias.owner.load(std::memory_order_relaxed) != self) [[unlikely]]
         return false;
-    // Orders this section behind the last one of a thread whose control block this thread got.
+    // A thread that got the control block of one that is gone continues its bias; this orders its
+    // section behind the last one of that thread.
     (void)bias.busy.load(std::memory_order_acquire);
     bias.busy.store(1, std::memory_order_relaxed);
-    std::atomic_signal_fence(std::memory_order_seq_cst);  // made a real one by membarrier
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // made a real one by process_barrier
     if (bias.owner.load(std::memory_order_acquire) == self) [[likely]]
         return true;
     bias.busy.store(0, std::memory_order_release);
@@ -78,8 +71,5 @@ template <class Section>
     leave_biased(bias);
     return result;
 }
-
-// Asks the kernel for the barrier. Until it was granted no mutex gets a bias. Called at start-up.
-void enable_pool_bias();
 
 }  // namespace osal

@@ -155,7 +155,7 @@ KCSTATUS DllStart() {
         setlogmask(LOG_UPTO(LOG_INFO));
     }
     OsalGetLimits();
-    enable_pool_bias();
+    request_barrier();
     syslog(LOG_USER | LOG_DEBUG, "_init returning %x", 0);
     return KC_OK;
 }
