@@ -237,8 +237,11 @@ sqlite3_stmt* prepared(Sql which) {
 
 }  // namespace
 
-Section::Section() : cancel_state_(transaction_cancel_state) {
-    if (has_transaction) return;
+Section::Section() {
+    if (has_transaction) {
+        cancel_state_ = transaction_cancel_state;
+        return;
+    }
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
     pthread_mutex_lock(&lock);
 }

@@ -26,7 +26,7 @@ class Section {
     Section& operator=(const Section&) = delete;
 
   private:
-    int cancel_state_;
+    int cancel_state_ = 0;
 };
 
 // What follows is for use inside a Section.

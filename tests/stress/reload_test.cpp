@@ -6,18 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstdio>
-#include <cstring>
-
 #include "osal/component.h"
 #include "osal/memory.h"
+#include "support/mappings.h"
 #include "support/sizes.h"
 
 namespace osal_test {
 namespace {
-
-constexpr unsigned long kPage = 4096;
 
 class Loaded {
   public:
@@ -77,32 +72,6 @@ void run_once() {
     library.get<decltype(DllStop)>("DllStop")();
 }
 
-// What a leak would add to: mapped files, stacks of threads (each has a guard page), and memory.
-struct Mappings {
-    std::size_t files = 0;
-    std::size_t guards = 0;
-    std::size_t memory = 0;
-};
-
-Mappings mappings() {
-    std::FILE* list = std::fopen("/proc/self/maps", "r");
-    Mappings count;
-    char line[PATH_MAX + 100];
-    while (std::fgets(line, sizeof line, list) != nullptr) {
-        unsigned long start, end;
-        char access[5];
-        std::sscanf(line, "%lx-%lx %4s", &start, &end, access);
-        if (std::strchr(line, '/') != nullptr)
-            ++count.files;
-        else if (std::strcmp(access, "---p") != 0)
-            ++count.memory;
-        else if (end - start == kPage)
-            ++count.guards;
-    }
-    std::fclose(list);
-    return count;
-}
-
 int rounds() {
     return static_cast<int>(from_environment("OSAL_RELOAD_ROUNDS", 50));
 }
@@ -120,15 +89,7 @@ TEST(Reload, StartsAfreshAndLeavesNothingBehind) {
     const Mappings before = mappings();
     const std::size_t allocated = mallinfo2().uordblks;
     run_rounds(rounds());
-    const Mappings after = mappings();
-    EXPECT_EQ(after.files, before.files);
-    // A cached stack or a heap arena may come or go; a round that leaked would show tenfold.
-    EXPECT_LE(after.guards, before.guards + 6);
-    // A sanitizer maps memory for its own ends: freed blocks that it holds back, and a new list of
-    // the loaded files at every dlopen and dlclose, which it keeps.
-    if (!kSanitized) {
-        EXPECT_LE(after.memory, before.memory + 6);
-    }
+    expect_no_more(before);
     // Each cached stack of the nine threads has its table of thread-local storage on the heap.
     EXPECT_LE(mallinfo2().uordblks, allocated + 8192);
 }
