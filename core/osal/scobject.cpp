@@ -2,8 +2,8 @@
 // context in an object manager of its own.
 //
 // The context's object manager hangs on the context as an attribute that the host's attribute
-// manager owns; this module creates, looks up and gives back attributes, and forwards to the object
-// manager behind them. It holds no lock and keeps no table of contexts.
+// manager owns (scobject_attributes.cpp); the operations here get at an attribute, forward to the
+// object manager behind it, and give the attribute back. There is no lock and no table of contexts.
 //
 // Every attribute that is referenced is dereferenced on every path, and never while the lock of an
 // object inside it is held: see hand_over.
@@ -12,18 +12,13 @@
 #include "host/lcm.h"
 #include "osal/internal/instance.h"
 #include "osal/internal/object.h"
-#include "osal/internal/status.h"
 
 using namespace osal;
 
 namespace {
 
-constexpr Module kModule{KC_FACILITY_OBJECT, "../scobject"};
-
 // Where failures are reported to arise; fixed, since products recognise them.
 enum Line : UINT32 {
-    kCreateAttribute = 311,
-    kGetAttribute = 353,
     kQueryNull = 410,
     kQueryUnknown = 435,
     kInitialize = 548,
@@ -40,32 +35,15 @@ enum Line : UINT32 {
 constexpr UINT32 kNotSupported = 13;
 constexpr UINT32 kNoStatistics = 16;
 
-// Fixed numbers of the attribute manager.
-constexpr UINT32 kCreatedAccess = 1;
-constexpr UINT32 kSharedAccess = 2;
-constexpr UINT32 kAttributeExisted = 2;
-
 constexpr UINT32 kLevelMask = 0x0FFFFFFF;
-constexpr UINT32 kExclusiveContextBit = 2;
 constexpr UINT32 kMaxPerBlock = 255;
 
 KCSTATUS fail(UINT32 code, Line line, const char* function = __builtin_FUNCTION()) {
-    return kModule.fail(code, function, line);
+    return kContextModule.fail(code, function, line);
 }
 
 pSCObjectInfo info_of(PVOID pThis) {
     return static_cast<pSCObjectInfo>(pThis);
-}
-
-PVOID client_of(PVOID object_data) {
-    return static_cast<_SCHeader*>(object_data) + 1;
-}
-_SCHeader* header_of(PVOID user_data) {
-    return static_cast<_SCHeader*>(user_data) - 1;
-}
-
-IOM* manager_of(PAttribute attribute) {
-    return static_cast<_SecurityAttribute*>(attribute->pData)->pSAOMI;
 }
 
 bool is_every_context(SCHANDLE context) {
@@ -149,7 +127,8 @@ KCSTATUS next_context(pSCObjectInfo soi, PISCOM_SCAN_DATA scan, PAttribute* attr
 KCSTATUS enumerate_every_context(pSCObjectInfo soi, PISCOM_SCAN_DATA scan, _HandleCompareShim* shim,
                                  UINT32 access, PVOID* user_data) {
     PAttribute attribute = nullptr;
-    // An instance that is not initialised is refused by the first of the two.
+    // Contract: a context that has ended since the last call is an error, not the end of its
+    // objects. An instance that is not initialised is refused by the first of the two.
     KCSTATUS status = scan->hEnumObject != nullptr || soi->pISA == nullptr
                           ? _GetSessionAttribute(soi, scan->hLastSC, &attribute)
                           : next_context(soi, scan, &attribute);
@@ -163,15 +142,6 @@ KCSTATUS enumerate_every_context(pSCObjectInfo soi, PISCOM_SCAN_DATA scan, _Hand
     return status;
 }
 
-// Gives up the attribute type and the attribute manager that an instance holds, if it holds any.
-void leave_attribute_manager(pSCObjectInfo soi) {
-    PISA manager = soi->pISA;
-    if (manager == nullptr) return;
-    manager->lpVtbl->SADeregisterAttribute(manager, soi->hAttribute);
-    manager->lpVtbl->Release(manager);
-    soi->pISA = nullptr;
-}
-
 bool acceptable(const GUID* component, UINT32 object_size, UINT32 per_block, UINT32 level) {
     const UINT32 locks = level & kLevelMask;
     return component != nullptr &&
@@ -180,37 +150,17 @@ bool acceptable(const GUID* component, UINT32 object_size, UINT32 per_block, UIN
            per_block <= kMaxPerBlock && object_size <= ~0u - sizeof(_SCHeader);
 }
 
-KCSTATUS join_attribute_manager(pSCObjectInfo soi, const GUID* component, UINT32 level,
-                                PISCOM_CLEANUP_ROUTINE cleanup) {
-    const GUID* iid = (level & kExclusiveContextBit) != 0 ? &IID_IContextAttribute_1
-                                                          : &IID_IPassiveContextAttribute_1;
-    void* made = nullptr;
-    KCSTATUS status = LcmCreateInstance(&CLSID_SecurityAttributeManager, nullptr, iid, &made);
-    if (is_error(status)) return status;
-    soi->pISA = static_cast<PISA>(made);
-    status =
-        soi->pISA->lpVtbl->SARegisterAttribute(soi->pISA, component, sizeof(_SecurityAttribute),
-                                               cleanup, _ReleaseAttribute, &soi->hAttribute);
-    if (!is_error(status)) return status;
-    soi->pISA->lpVtbl->Release(soi->pISA);
-    soi->pISA = nullptr;
-    return status;
-}
-
 void zero(PUINT32 statistic) {
     if (statistic != nullptr) *statistic = 0;
 }
 
-// Calls the client's compare routine, or answers for a missing one.
-BOOLEAN compare(PVOID object, PVOID compare_shim, BOOLEAN without_routine) {
-    const auto* shim = static_cast<_HandleCompareShim*>(compare_shim);
-    if (shim->pCompareRoutine == nullptr) return without_routine;
-    return shim->pCompareRoutine(client_of(object), shim->pCompareData);
-}
-
-// The object manager that a client's object lies in, found from the object itself.
-IOM* manager_of_object(PVOID user_data) {
-    return reinterpret_cast<IOM*>(object_of(header_of(user_data))->blockStart->oi);
+// Operations on an object need no context: its manager is found from the object itself.
+template <auto Slot, class... Arguments>
+KCSTATUS forward(PVOID user_data, Arguments... arguments) {
+    if (user_data == nullptr) return unlogged_object_error(KC_CODE_INVALID_ARGUMENT);
+    _SCHeader* data = header_of(user_data);
+    auto* manager = reinterpret_cast<IOM*>(object_of(data)->blockStart->oi);
+    return (manager->lpVtbl->*Slot)(manager, data, arguments...);
 }
 
 }  // namespace
@@ -219,67 +169,6 @@ OSAL_BEGIN_DECLS
 
 constinit ISCOMVtbl vtSCObject = {};
 constinit ISCOM_2Vtbl vtSCObject_2 = {};
-
-KCSTATUS _GetSessionAttribute(pSCObjectInfo soi, SCHANDLE hSC, PAttribute* ppAttribute) {
-    if (soi->pISA == nullptr) return fail(KC_CODE_INVALID_ARGUMENT, kGetAttribute);
-    return soi->pISA->lpVtbl->SAReference(soi->pISA, hSC, soi->hAttribute, kSharedAccess,
-                                          ppAttribute);
-}
-
-KCSTATUS _CreateSessionAttribute(pSCObjectInfo soi, SCHANDLE hSC, IOM* pIOM,
-                                 PAttribute* ppAttribute, PUINT32 pAccessMode) {
-    if (soi->pISA == nullptr) return fail(KC_CODE_INVALID_ARGUMENT, kCreateAttribute);
-    _InitAttr init = {soi, pIOM};
-    UINT32 opened = 0;
-    const KCSTATUS status =
-        soi->pISA->lpVtbl->SACreate(soi->pISA, hSC, soi->hAttribute, &init, _InitializeAttribute,
-                                    kCreatedAccess, kSharedAccess, ppAttribute, &opened);
-    if (is_error(status)) return status;
-    const bool existed = opened == kAttributeExisted;  // another thread came first
-    if (existed) pIOM->lpVtbl->Release(pIOM);
-    *pAccessMode = existed ? kSharedAccess : kCreatedAccess;
-    return status;
-}
-
-KCSTATUS _ReleaseSessionAttribute(pSCObjectInfo soi, PAttribute pAttribute, UINT32 accessMode) {
-    return soi->pISA->lpVtbl->SADereference(soi->pISA, accessMode, pAttribute);
-}
-
-KCSTATUS _InitializeAttribute(PAttribute pAttribute, void* pInitData) {
-    const auto* init = static_cast<_InitAttr*>(pInitData);
-    pSCObjectInfo soi = init->pSCOInfo;
-    static_cast<_SecurityAttribute*>(pAttribute->pData)->pSAOMI = init->pIOM;
-    return init->pIOM->lpVtbl->Initialize(init->pIOM, soi->objectSize, soi->objectsPerBlock,
-                                          soi->accessLevel, soi->hashSize, _DeleteObjectShim,
-                                          nullptr, nullptr, soi->permBlocks);
-}
-
-void _ReleaseAttribute(PAttribute pAttribute) {
-    if (IOM* manager = manager_of(pAttribute)) manager->lpVtbl->Release(manager);
-}
-
-KCSTATUS _InitializeObjectShim(PVOID pObjectData, PVOID pInitData) {
-    const auto* shim = static_cast<_HandleInitShim*>(pInitData);
-    KCSTATUS status = KC_OK;
-    if (shim->pInitRoutine != nullptr)
-        status = shim->pInitRoutine(client_of(pObjectData), shim->pInitData);
-    if (is_error(status)) return status;
-    *static_cast<_SCHeader*>(pObjectData) = {shim->hSC, shim->soi->pfDelete};
-    return status;
-}
-
-KCSTATUS _DeleteObjectShim(PVOID pObjectData) {
-    const auto* header = static_cast<_SCHeader*>(pObjectData);
-    return header->pfDelete != nullptr ? header->pfDelete(client_of(pObjectData)) : KC_OK;
-}
-
-BOOLEAN _CompareObjectDefaultNone(PVOID pObjectData, PVOID pCompareData) {
-    return compare(pObjectData, pCompareData, FALSE);
-}
-
-BOOLEAN _CompareObjectDefaultAny(PVOID pObjectData, PVOID pCompareData) {
-    return compare(pObjectData, pCompareData, TRUE);
-}
 
 KCSTATUS SCObjectQueryInterface(PVOID pThis, const GUID* pIId, void** ppInterface) {
     if (pThis == nullptr || ppInterface == nullptr)
@@ -426,35 +315,27 @@ KCSTATUS SCObjectFind(PVOID pThis, SCHANDLE hSC, PVOID pCompareData,
     return end_lookup(status, soi, attribute, object, accessType, ppUserData);
 }
 
-// The operations on an object find its manager from the object itself and need no context.
-#define FORWARD(slot, ...)                                                            \
-    if (pUserData == nullptr) return unlogged_object_error(KC_CODE_INVALID_ARGUMENT); \
-    IOM* manager = manager_of_object(pUserData);                                      \
-    return manager->lpVtbl->slot(manager, header_of(pUserData) __VA_OPT__(, ) __VA_ARGS__)
-
 KCSTATUS SCObjectDelete(PVOID, PVOID pUserData, UINT32 accessType) {
-    FORWARD(DeleteObject, accessType);
+    return forward<&IOMVtbl::DeleteObject>(pUserData, accessType);
 }
 KCSTATUS SCObjectDereference(PVOID, PVOID pUserData, UINT32 accessType) {
-    FORWARD(DereferenceObject, accessType);
+    return forward<&IOMVtbl::DereferenceObject>(pUserData, accessType);
 }
 KCSTATUS SCObjectGetHandle(PVOID, PVOID pUserData, PHANDLE phandle) {
-    FORWARD(GetObjectHandle, phandle);
+    return forward<&IOMVtbl::GetObjectHandle>(pUserData, phandle);
 }
 KCSTATUS SCObjectAcquireAccess(PVOID, PVOID pUserData, UINT32 accessType) {
-    FORWARD(AcquireObject, accessType);
+    return forward<&IOMVtbl::AcquireObject>(pUserData, accessType);
 }
 KCSTATUS SCObjectReleaseAccess(PVOID, PVOID pUserData) {
-    FORWARD(ReleaseObject);
+    return forward<&IOMVtbl::ReleaseObject>(pUserData);
 }
 KCSTATUS SCObjectIncrement(PVOID, PVOID pUserData) {
-    FORWARD(IncrementReference);
+    return forward<&IOMVtbl::IncrementReference>(pUserData);
 }
 KCSTATUS SCObjectDecrement(PVOID, PVOID pUserData) {
-    FORWARD(DecrementReference);
+    return forward<&IOMVtbl::DecrementReference>(pUserData);
 }
-
-#undef FORWARD
 
 KCSTATUS SCObjectGetSCHandle(PVOID, PVOID pUserData, PSCHANDLE phSC) {
     if (pUserData == nullptr || phSC == nullptr) return fail(KC_CODE_INVALID_ARGUMENT, kGetContext);

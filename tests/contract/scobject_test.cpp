@@ -42,6 +42,10 @@ KCSTATUS note_deletion(PVOID object) {
     deleted.push_back(static_cast<ClientData*>(object)->number);
     return KC_OK;
 }
+KCSTATUS refuse_deallocation(PVOID) {
+    ADD_FAILURE() << "nothing is ever deallocated";
+    return KC_OK;
+}
 KCSTATUS set_number(PVOID object, PVOID number) {
     static_cast<ClientData*>(object)->number = *static_cast<UINT32*>(number);
     return KC_OK;
@@ -51,6 +55,13 @@ KCSTATUS refuse(PVOID, PVOID) {
 }
 BOOLEAN has_number(PVOID object, PVOID number) {
     return static_cast<ClientData*>(object)->number == *static_cast<UINT32*>(number);
+}
+
+// A recorded call that ends in an access value.
+std::string with_access(std::string call, UINT32 access) {
+    call += static_cast<char>('0' + access);
+    call += ')';
+    return call;
 }
 
 class SecurityContexts : public ServiceTest {
@@ -270,6 +281,36 @@ TEST_F(SecurityContexts, ASecondInitializeIsAcceptedAndGivesUpTheFirst) {
     EXPECT_EQ(stand_in_.manager_references(), 1);
 }
 
+TEST_F(SecurityContexts, InitializeAcceptsWhatIsJustInRange) {
+    EXPECT_EQ(initialize(0, 0xFFFFFFFFu - 24, 255), KC_OK);
+    EXPECT_EQ(info()->objectSize, 0xFFFFFFFFu);
+    for (UINT32 level : {0u, 2u, 3u, 0xF0000000u, 0x80000003u})
+        EXPECT_EQ(initialize(level), KC_OK) << level;
+    EXPECT_EQ(info()->objectSize, sizeof(ClientData) + 24);
+}
+
+TEST_F(SecurityContexts, ASecondInitializeThatIsRefusedChangesNothing) {
+    initialized();
+    EXPECT_EQ(initialize(1), object_error(4));
+    EXPECT_CALLS();
+    EXPECT_EQ(info()->accessLevel, 0u);
+    PVOID object = nullptr;
+    EXPECT_EQ(create(kFirst, 1, &object), KC_OK);
+}
+
+// What was held is given up before, so the instance is as one that was never initialised.
+TEST_F(SecurityContexts, ASecondInitializeThatFailsLeavesTheInstanceUninitialised) {
+    initialized();
+    stand_in_.fail_next("SARegisterAttribute", foreign_error(5));
+    EXPECT_EQ(initialize(), foreign_error(5));
+    EXPECT_CALLS("SADeregisterAttribute", "ISA.Release", "LcmCreateInstance(attributes)",
+                 "SARegisterAttribute", "ISA.Release");
+    EXPECT_EQ(info()->pISA, nullptr);
+    PVOID object = nullptr;
+    EXPECT_EQ(create(kFirst, 1, &object), object_error(4));
+    expect_failure(4, 353, "_GetSessionAttribute");
+}
+
 // --- CreateObject ---
 
 TEST_F(SecurityContexts, TheFirstObjectOfAContextMakesItsObjectManager) {
@@ -342,6 +383,32 @@ TEST_F(SecurityContexts, CreateObjectRefusesANullResultPointer) {
     EXPECT_CALLS();
 }
 
+TEST_F(SecurityContexts, AContextsObjectManagerGetsWhatTheManagerWasInitialisedWith) {
+    ASSERT_EQ(manager_->lpVtbl->Initialize(manager_, &kComponent, sizeof(ClientData), 5, 0x40000000,
+                                           7, note_deletion, refuse_deallocation, nullptr, 3),
+              KC_OK);
+    PVOID object = nullptr;
+    ASSERT_EQ(create(kFirst, 5, &object), KC_OK);
+    const auto* data = static_cast<const char*>(object) - 24;
+    const ObjectInfo* oi = object_of(const_cast<char*>(data))->blockStart->oi;
+    EXPECT_EQ(oi->objectSize, sizeof(ClientData) + 24 + sizeof(Object));
+    EXPECT_EQ(oi->objectsPerBlock, 5u);
+    EXPECT_EQ(oi->hashSize, 7u);
+    EXPECT_EQ(oi->statsAllocated, 15u);
+    EXPECT_EQ(oi->flags, OI_FLAG_INITIALIZED | OI_FLAG_DEFERRED_DELETE);
+    EXPECT_EQ(oi->pfDelete, &_DeleteObjectShim);
+    EXPECT_EQ(oi->pfDeallocate, nullptr);
+    EXPECT_EQ(oi->pfDebug, nullptr);
+}
+
+TEST_F(SecurityContexts, ANotFoundOfAnyFacilityStartsTheContext) {
+    initialized();
+    stand_in_.fail_next("SAReference", foreign_error(3));
+    PVOID object = nullptr;
+    EXPECT_EQ(create(kFirst, 5, &object), KC_OK);
+    EXPECT_EQ(stand_in_.attributes(), 1u);
+}
+
 class FailedCreation : public SecurityContexts {
   protected:
     // The creation of the first object of a context fails with the status; outputs stay.
@@ -401,6 +468,68 @@ TEST_F(FailedCreation, AnInitRoutinesErrorIsReturnedAndItsHeaderStaysUnwritten) 
               foreign_error(9));
     EXPECT_CALLS("SAReference(1:1,2)", "CreateObject(0,0)", "SADereference(1:1,2)");
     EXPECT_EQ(object, &object);
+}
+
+// An object manager never does so; if it did, the lock it took would be given back.
+TEST_F(FailedCreation, AnObjectThatWasOpenedAllTheSameIsReleased) {
+    initialized();
+    created(kFirst, 5);
+    for (UINT32 access : {0u, 1u, 2u}) {
+        stand_in_.fail_next_creation_late(foreign_error(5));
+        PVOID object = &object;
+        UINT32 opened = 99;
+        EXPECT_EQ(create(kFirst, 5, &object, 1, access, &opened), foreign_error(5));
+        EXPECT_EQ(object, &object);
+        EXPECT_EQ(opened, 99u);
+        const std::string call = with_access("CreateObject(1,", access);
+        if (access == 0)
+            EXPECT_CALLS("SAReference(1:1,2)", call, "SADereference(1:1,2)");
+        else
+            EXPECT_CALLS("SAReference(1:1,2)", call, "ReleaseObject", "SADereference(1:1,2)");
+    }
+    PVOID object = nullptr;
+    ASSERT_EQ(create(kFirst, 5, &object, 1, 1), KC_OK);  // nobody holds it
+    manager_->lpVtbl->ReleaseObject(manager_, object);
+    for (int i = 0; i < 3; ++i)  // the references of the failed creations
+        manager_->lpVtbl->DereferenceObject(manager_, object, 0);
+}
+
+TEST_F(SecurityContexts, AStatusThatIsNoErrorWritesTheHeaderAndIsReturned) {
+    struct {
+        _SCHeader header;
+        ClientData data;
+    } object = {};
+    constexpr KCSTATUS kWarning = KC_MAKE_STATUS(2, 77, 9);
+    _SCObjectInfo owner = {};
+    const auto warn = [](PVOID, PVOID) -> KCSTATUS { return kWarning; };
+    _HandleInitShim shim = {nullptr, warn, kThird, &owner};
+    EXPECT_EQ(_InitializeObjectShim(&object, &shim), kWarning);
+    EXPECT_EQ(object.header.hSecurityContext.hId, kThird.hId);
+    shim = {nullptr, nullptr, kSecond, &owner};
+    EXPECT_EQ(_InitializeObjectShim(&object, &shim), KC_OK);
+    EXPECT_EQ(object.header.hSecurityContext.hId, kSecond.hId);
+}
+
+TEST_F(SecurityContexts, TheCompareShimsAnswerForAMissingRoutine) {
+    struct {
+        _SCHeader header;
+        ClientData data;
+    } object = {{}, {5, 0}};
+    UINT32 number = 5;
+    _HandleCompareShim shim = {&number, nullptr};
+    EXPECT_EQ(_CompareObjectDefaultNone(&object, &shim), FALSE);
+    EXPECT_EQ(_CompareObjectDefaultAny(&object, &shim), TRUE);
+    shim.pCompareRoutine = has_number;
+    EXPECT_EQ(_CompareObjectDefaultNone(&object, &shim), TRUE);
+    number = 6;
+    EXPECT_EQ(_CompareObjectDefaultAny(&object, &shim), FALSE);
+}
+
+TEST_F(SecurityContexts, AnAttributeWithoutAnObjectManagerIsReleasedWithoutOne) {
+    _SecurityAttribute data = {};
+    Attribute attribute = {kFirst, &data};
+    _ReleaseAttribute(&attribute);
+    EXPECT_CALLS();
 }
 
 TEST_F(SecurityContexts, TheInitShimWritesTheHeaderOnlyAfterTheRoutineSucceeded) {
@@ -507,6 +636,111 @@ TEST_F(SecurityContexts, OperationsOnAnInstanceThatIsNotInitialisedSayCodeFour) 
                                                &object),
               object_error(4));
     expect_failure(4, 353, "_GetSessionAttribute");
+}
+
+// Before Initialize, what drops the look-up's status drops the refusal as well.
+TEST_F(SecurityContexts, LookUpsOfAnUninitialisedInstanceEndAsInAContextWithoutObjects) {
+    PVOID object = &object;
+    HANDLE scan = nullptr;
+    const auto expect_refusal_and = [&](UINT32 line, const char* function) {
+        const auto built = statuses_.take();
+        ASSERT_EQ(built.size(), line == 0 ? 1u : 2u);
+        EXPECT_EQ(built[0].line, 353u);
+        EXPECT_EQ(built[0].function, "_GetSessionAttribute");
+        if (line == 0) return;
+        EXPECT_EQ(built[1].line, line);
+        EXPECT_EQ(built[1].function, function);
+    };
+    EXPECT_EQ(
+        manager_->lpVtbl->EnumerateObjects(manager_, kFirst, &scan, nullptr, nullptr, 0, &object),
+        object_error(9));
+    expect_refusal_and(994, "SCObjectEnumerate");
+    EXPECT_EQ(manager_->lpVtbl->FindObject(manager_, kFirst, nullptr, nullptr, 0, 0, &object),
+              0xC7FA0009u);
+    expect_refusal_and(0, nullptr);
+    ISCOM_2* second = this->second();
+    ISCOM_SCAN_DATA data = {};
+    EXPECT_EQ(second->lpVtbl->EnumerateObjects(second, kFirst, &data, nullptr, nullptr, 0, &object),
+              object_error(9));
+    expect_refusal_and(1091, "SCObjectEnumerate2");
+    UINT32 in_use = 7;
+    EXPECT_EQ(second->lpVtbl->GetObjectStats(second, kFirst, nullptr, &in_use, nullptr), KC_OK);
+    EXPECT_EQ(in_use, 0u);
+    expect_refusal_and(0, nullptr);
+    EXPECT_EQ(object, &object);
+    EXPECT_CALLS();
+}
+
+TEST_F(SecurityContexts, AnyLookUpFailureEndsAnEnumerationOrAFindButNotAReference) {
+    initialized();
+    created(kFirst, 1);
+    PVOID object = &object;
+    HANDLE scan = nullptr;
+    const auto fail_look_up = [&] {
+        stand_in_.take_calls();
+        stand_in_.fail_next("SAReference", foreign_error(5));
+    };
+    fail_look_up();
+    EXPECT_EQ(
+        manager_->lpVtbl->EnumerateObjects(manager_, kFirst, &scan, nullptr, nullptr, 0, &object),
+        object_error(9));
+    expect_failure(9, 994, "SCObjectEnumerate");
+    EXPECT_CALLS("SAReference(1:1,2)");
+    fail_look_up();
+    EXPECT_EQ(manager_->lpVtbl->FindObject(manager_, kFirst, nullptr, nullptr, 0, 0, &object),
+              0xC7FA0009u);
+    statuses_.expect_none();
+    fail_look_up();
+    EXPECT_EQ(manager_->lpVtbl->ReferenceObjectByHandle(manager_, kFirst, nullptr, 0, &object),
+              foreign_error(5));
+    ISCOM_2* second = this->second();
+    ISCOM_SCAN_DATA data = {};
+    fail_look_up();
+    EXPECT_EQ(second->lpVtbl->EnumerateObjects(second, kFirst, &data, nullptr, nullptr, 0, &object),
+              object_error(9));
+    expect_failure(9, 1091, "SCObjectEnumerate2");
+    UINT32 in_use = 7;
+    fail_look_up();
+    EXPECT_EQ(second->lpVtbl->GetObjectStats(second, kFirst, nullptr, &in_use, nullptr), KC_OK);
+    EXPECT_EQ(in_use, 0u);
+    EXPECT_CALLS("SAReference(1:1,2)");
+    EXPECT_EQ(object, &object);
+}
+
+// Each look-up with each access; the lock is taken again only where it was taken.
+TEST_F(SecurityContexts, EveryLookUpHandsOverInTheSameOrder) {
+    initialized();
+    created(kFirst, 1);
+    HANDLE handle = reinterpret_cast<HANDLE>(0x01010001);
+    for (UINT32 access : {0u, 1u, 2u}) {
+        const auto expect_hand_over = [&](const char* look_up, PVOID object) {
+            if (access == 0)
+                EXPECT_CALLS("SAReference(1:1,2)", with_access(look_up, access),
+                             "SADereference(1:1,2)");
+            else
+                EXPECT_CALLS("SAReference(1:1,2)", with_access(look_up, access), "ReleaseObject",
+                             "SADereference(1:1,2)", with_access("AcquireObject(", access));
+            EXPECT_EQ(manager_->lpVtbl->DereferenceObject(manager_, object, access), KC_OK);
+        };
+        PVOID object = nullptr;
+        ASSERT_EQ(
+            manager_->lpVtbl->ReferenceObjectByHandle(manager_, kFirst, handle, access, &object),
+            KC_OK);
+        expect_hand_over("ReferenceObjectByHandle(", object);
+        ASSERT_EQ(
+            manager_->lpVtbl->FindObject(manager_, kFirst, nullptr, nullptr, 0, access, &object),
+            KC_OK);
+        expect_hand_over("FindObject(", object);
+        HANDLE scan = nullptr;
+        ASSERT_EQ(manager_->lpVtbl->EnumerateObjects(manager_, kFirst, &scan, nullptr, nullptr,
+                                                     access, &object),
+                  KC_OK);
+        expect_hand_over("EnumerateObjects(", object);
+        ISCOM_SCAN_DATA data = {};
+        ASSERT_EQ(SCObjectEnumerate2(manager_, kFirst, &data, nullptr, nullptr, access, &object),
+                  KC_OK);
+        expect_hand_over("EnumerateObjects(", object);
+    }
 }
 
 TEST_F(SecurityContexts, AHandleMeansSomethingOnlyWithItsContext) {
@@ -647,6 +881,84 @@ TEST_F(SecurityContexts, TheWildcardScanReturnsErrorsAsTheyAre) {
     EXPECT_EQ(stand_in_.referenced(), 0);
 }
 
+TEST_F(SecurityContexts, TheEndOfAContextIsKnownByTheCodeAlone) {
+    initialized();
+    created(kFirst, 1);
+    created(kSecond, 2);
+    ISCOM_2* second = this->second();
+    ISCOM_SCAN_DATA scan = {};
+    PVOID object = nullptr;
+    stand_in_.fail_next("EnumerateObjects", foreign_error(9));
+    ASSERT_EQ(second->lpVtbl->EnumerateObjects(second, kEveryContext, &scan, nullptr, nullptr, 1,
+                                               &object),
+              KC_OK);
+    EXPECT_CALLS("SAEnumerate(2)", "EnumerateObjects(1)", "SADereference(1:1,2)", "SAEnumerate(2)",
+                 "EnumerateObjects(1)", "ReleaseObject", "SADereference(1:2,2)",
+                 "AcquireObject(1)");
+    EXPECT_EQ(static_cast<ClientData*>(object)->number, 2u);
+    EXPECT_EQ(second->lpVtbl->DereferenceObject(second, object, 1), KC_OK);
+}
+
+// The scan does not look for another context by itself: its caller decides.
+TEST_F(SecurityContexts, AWildcardScanWhoseContextHasEndedSaysSo) {
+    initialized();
+    created(kFirst, 1);
+    created(kFirst, 2);
+    created(kSecond, 3);
+    ISCOM_2* second = this->second();
+    ISCOM_SCAN_DATA scan = {};
+    PVOID object = nullptr;
+    const auto next = [&] {
+        stand_in_.take_calls();
+        return second->lpVtbl->EnumerateObjects(second, kEveryContext, &scan, nullptr, nullptr, 0,
+                                                &object);
+    };
+    ASSERT_EQ(next(), KC_OK);
+    EXPECT_EQ(second->lpVtbl->DereferenceObject(second, object, 0), KC_OK);
+    stand_in_.end_context(kFirst);
+    const HANDLE resume = scan.hEnumObject;
+    EXPECT_EQ(next(), KC_MAKE_STATUS(3, KC_FACILITY_SECATTR, 3));
+    EXPECT_CALLS("SAReference(1:1,2)");
+    EXPECT_EQ(scan.hEnumObject, resume);
+    scan.hEnumObject = nullptr;
+    ASSERT_EQ(next(), KC_OK);
+    EXPECT_EQ(static_cast<ClientData*>(object)->number, 3u);
+    EXPECT_EQ(second->lpVtbl->DereferenceObject(second, object, 0), KC_OK);
+}
+
+TEST_F(SecurityContexts, AScanOfOneContextUsesTheScanHandleOfItsDataOnly) {
+    initialized();
+    created(kFirst, 1);
+    ISCOM_2* second = this->second();
+    const SCHANDLE mark = context(11, 12);
+    ISCOM_SCAN_DATA scan = {mark, mark, nullptr, mark};
+    PVOID object = nullptr;
+    ASSERT_EQ(second->lpVtbl->EnumerateObjects(second, kFirst, &scan, nullptr, nullptr, 0, &object),
+              KC_OK);
+    EXPECT_EQ(second->lpVtbl->DereferenceObject(second, object, 0), KC_OK);
+    EXPECT_EQ(scan.hEnumObject, reinterpret_cast<HANDLE>(0x02000001));
+    for (const SCHANDLE& kept : {scan.hEnumSCType, scan.hEnumSC, scan.hLastSC})
+        EXPECT_TRUE(kept.hTypeId == mark.hTypeId && kept.hId == mark.hId);
+    EXPECT_EQ(second->lpVtbl->EnumerateObjects(second, kFirst, &scan, nullptr, nullptr, 0, &object),
+              object_error(9));
+    statuses_.expect_none();
+}
+
+TEST_F(SecurityContexts, OneHalfOfTheWildcardIsAContextLikeAnyOther) {
+    initialized();
+    ISCOM_2* second = this->second();
+    for (const SCHANDLE half : {context(~0ull, 1), context(1, ~0ull)}) {
+        created(half, 7);
+        ISCOM_SCAN_DATA scan = {};
+        PVOID object = nullptr;
+        ASSERT_EQ(
+            second->lpVtbl->EnumerateObjects(second, half, &scan, nullptr, nullptr, 0, &object),
+            KC_OK);
+        EXPECT_EQ(stand_in_.take_calls()[0].rfind("SAReference", 0), 0u);
+        EXPECT_EQ(second->lpVtbl->DereferenceObject(second, object, 0), KC_OK);
+    }
+}
+
 // --- Operations on objects ---
 
 TEST_F(SecurityContexts, OperationsOnAnObjectReachItsOwnManager) {
@@ -736,6 +1048,15 @@ TEST_F(SecurityContexts, AnObjectThatIsStillReferencedOutlivesItsContext) {
     EXPECT_TRUE(deleted.empty());
     EXPECT_EQ(object->number, 1u);
     EXPECT_EQ(manager_->lpVtbl->DereferenceObject(manager_, object, 0), KC_OK);
+    EXPECT_EQ(deleted, std::vector<UINT32>{1});
+}
+
+TEST_F(SecurityContexts, DeletingTheLastObjectOfAContextThatHasEndedSaysThatItsManagerIsGone) {
+    initialized();
+    ClientData* object = created(kFirst, 1);
+    manager_->lpVtbl->IncrementReference(manager_, object);
+    stand_in_.end_context(kFirst);
+    EXPECT_EQ(manager_->lpVtbl->DeleteObject(manager_, object, 0), object_error(0x1004));
     EXPECT_EQ(deleted, std::vector<UINT32>{1});
 }
 

@@ -752,5 +752,42 @@ TEST_F(ContextObjects, EveryObjectIsDeletedOnceWhateverRacesForIt) {
     EXPECT_TRUE(all_objects().empty());
 }
 
+// With deferred deletion the end of a context only queues its objects; a thread ends them.
+TEST_F(ContextObjects, DeferredDeletionsOutliveTheirContexts) {
+    static std::atomic<int> deferred;
+    static std::atomic<bool> on_this_thread;
+    static std::thread::id here;
+    here = std::this_thread::get_id();
+    auto* queued = instance<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
+    ASSERT_EQ(queued->lpVtbl->Initialize(
+                  queued, &kOther, sizeof(UINT64), 16, 0x10000000, 4,
+                  [](PVOID) -> KCSTATUS {
+                      if (std::this_thread::get_id() == here) on_this_thread = true;
+                      ++deferred;
+                      return KC_OK;
+                  },
+                  nullptr, nullptr, 0),
+              KC_OK);
+    for (UINT64 user = 1; user <= 20; ++user) {
+        for (UINT64 value = 0; value < 10; ++value) {
+            PVOID object = nullptr;
+            ASSERT_EQ(queued->lpVtbl->CreateObject(queued, context(user, 2), &value, fill_number,
+                                                   nullptr, nullptr, 0, 0, 0, &object, nullptr),
+                      KC_OK);
+            EXPECT_EQ(queued->lpVtbl->DereferenceObject(queued, object, 0), KC_OK);
+        }
+        if (user % 2 == 0) {
+            EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(user, 2)), KC_OK);
+        }
+    }
+    EXPECT_EQ(queued->lpVtbl->Release(queued), 0u);
+    while (deferred < 200)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_FALSE(on_this_thread);
+    for (UINT64 user = 1; user <= 20; user += 2)
+        EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(user, 2)), KC_OK);
+    EXPECT_EQ(deferred, 200);
+}
+
 }  // namespace
 }  // namespace osal_test

@@ -60,8 +60,9 @@ struct ManagerSlots {
                         ")");
         if (const auto failed = current->failure("CreateObject")) return *failed;
         IOM* manager = real(pThis);
-        return manager->lpVtbl->CreateObject(manager, init_data, init, compare_data, compare, index,
-                                             create, open, object, opened);
+        const KCSTATUS status = manager->lpVtbl->CreateObject(
+            manager, init_data, init, compare_data, compare, index, create, open, object, opened);
+        return std::exchange(current->late_failure_, std::nullopt).value_or(status);
     }
     static KCSTATUS ReferenceObjectByHandle(PVOID pThis, HANDLE handle, UINT32 access,
                                             PVOID* object) {

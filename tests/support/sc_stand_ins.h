@@ -26,6 +26,8 @@ class AttributeStandIn {
 
     // The next call of this name returns the status, without doing anything else.
     void fail_next(const std::string& call, KCSTATUS status) { failures_[call] = status; }
+    // The next CreateObject does what it is asked for and then fails.
+    void fail_next_creation_late(KCSTATUS status) { late_failure_ = status; }
     // The next SACreate finds that another thread was first: it makes the attribute with `winner`.
     void lose_next_creation() { lose_creation_ = true; }
 
@@ -60,6 +62,7 @@ class AttributeStandIn {
     int references_ = 0;
     int referenced_ = 0;
     bool lose_creation_ = false;
+    std::optional<KCSTATUS> late_failure_;
     PSA_RELEASE_ROUTINE release_ = nullptr;
     std::map<Key, std::unique_ptr<Held>> attributes_;
     std::map<std::string, KCSTATUS> failures_;

@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "host/secattr.h"
+#include "osal/internal/status.h"
 #include "osal/iscom.h"
 
 // One manager, the interface pointer of its clients. Made zeroed by the factory from non-paged pool
@@ -89,3 +90,34 @@ BOOLEAN _CompareObjectDefaultNone(PVOID pObjectData, PVOID pCompareData);
 BOOLEAN _CompareObjectDefaultAny(PVOID pObjectData, PVOID pCompareData);
 
 OSAL_END_DECLS
+
+namespace osal {
+
+inline constexpr Module kContextModule{KC_FACILITY_OBJECT, "../scobject"};
+
+// Accesses of attributes, fixed numbers of the attribute manager: that of a new one for its
+// creator, and that of every other reference.
+inline constexpr UINT32 kCreatedAccess = 1;
+inline constexpr UINT32 kSharedAccess = 2;
+
+// An object's data begin with the header; clients see what follows.
+inline PVOID client_of(PVOID object_data) {
+    return static_cast<_SCHeader*>(object_data) + 1;
+}
+inline _SCHeader* header_of(PVOID user_data) {
+    return static_cast<_SCHeader*>(user_data) - 1;
+}
+
+inline IOM* manager_of(PAttribute attribute) {
+    return static_cast<_SecurityAttribute*>(attribute->pData)->pSAOMI;
+}
+
+// Gets the attribute manager and registers the manager's attribute type. After a failure the
+// instance has neither.
+KCSTATUS join_attribute_manager(pSCObjectInfo soi, const GUID* component, UINT32 level,
+                                PISCOM_CLEANUP_ROUTINE cleanup);
+
+// Gives up the attribute type and the attribute manager that an instance holds, if it holds any.
+void leave_attribute_manager(pSCObjectInfo soi);
+
+}  // namespace osal
