@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <iterator>
 
 #include "file.h"
@@ -83,10 +84,12 @@ constinit char path[kPathSize] = {};
 constinit bool fork_handlers_set = false;
 constinit int fork_cancel_state = 0;
 constinit int transaction_cancel_state = 0;
-constinit INT64 transaction_first_key = 0;  // keys made since may vanish
+constinit INT64 transaction_first_key = 0;  // this and later ones vanish if it is taken back
 
-// Whether the calling thread holds the lock for a transaction of its own.
-constinit thread_local bool has_transaction = false;
+// The thread that holds the lock for a transaction of its own, or 0. Read without the lock: a
+// thread looks for itself only, which nobody else writes here. No thread_local variable, because
+// the leak checker stumbles over those of libraries that were unloaded.
+constinit std::atomic<pthread_t> transaction_thread = 0;
 
 bool file_system_is_full() {
     const int error = connection != nullptr ? sqlite3_system_errno(connection) : 0;
@@ -150,7 +153,7 @@ void close_connection() {
 // parent holds. The log of the file is left for the next connection, which may be a moment away.
 // A transaction of the forking thread is lost by this.
 void before_fork() {
-    if (!has_transaction) {
+    if (!in_thread_transaction()) {
         int state;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
         pthread_mutex_lock(&lock);
@@ -162,7 +165,7 @@ void before_fork() {
 }
 
 void after_fork() {
-    if (has_transaction) return;
+    if (in_thread_transaction()) return;
     const int state = fork_cancel_state;
     pthread_mutex_unlock(&lock);
     pthread_setcancelstate(state, nullptr);
@@ -238,7 +241,7 @@ sqlite3_stmt* prepared(Sql which) {
 }  // namespace
 
 Section::Section() {
-    if (has_transaction) {
+    if (in_thread_transaction()) {
         cancel_state_ = transaction_cancel_state;
         return;
     }
@@ -248,7 +251,7 @@ Section::Section() {
 
 Section::~Section() {
     if (broken) close_connection();
-    if (has_transaction) {
+    if (in_thread_transaction()) {
         transaction_cancel_state = cancel_state_;
         return;
     }
@@ -257,7 +260,7 @@ Section::~Section() {
 }
 
 KCSTATUS open_store(bool make) {
-    if (has_transaction) return is_lost() ? kLost : KC_OK;
+    if (in_thread_transaction()) return is_lost() ? kLost : KC_OK;
     if (connection != nullptr) return KC_OK;
     if (!choose_file(path)) return fail(SQLITE_CANTOPEN);
     if (make) make_file(path);
@@ -334,15 +337,15 @@ std::string_view Query::text(int column) const {
 }
 
 KCSTATUS Transaction::begin(Sql how) {
-    const KCSTATUS status = Query(has_transaction ? Sql::kSave : how).run();
+    const KCSTATUS status = Query(in_thread_transaction() ? Sql::kSave : how).run();
     active_ = status == KC_OK;
     return status;
 }
 
 KCSTATUS Transaction::commit() {
-    const KCSTATUS status = Query(has_transaction ? Sql::kRelease : Sql::kCommit).run();
+    const KCSTATUS status = Query(in_thread_transaction() ? Sql::kRelease : Sql::kCommit).run();
     if (status != KC_OK) return status;
-    if (has_transaction) ++epoch;
+    if (in_thread_transaction()) ++epoch;
     active_ = false;
     last_logged = SQLITE_OK;
     return KC_OK;
@@ -350,12 +353,12 @@ KCSTATUS Transaction::commit() {
 
 Transaction::~Transaction() {
     if (!active_ || sqlite3_get_autocommit(connection)) return;
-    Query(has_transaction ? Sql::kRollbackToSave : Sql::kRollback).run();
-    if (has_transaction) Query(Sql::kRelease).run();
+    Query(in_thread_transaction() ? Sql::kRollbackToSave : Sql::kRollback).run();
+    if (in_thread_transaction()) Query(Sql::kRelease).run();
 }
 
 bool in_thread_transaction() {
-    return has_transaction;
+    return transaction_thread.load(std::memory_order_relaxed) == pthread_self();
 }
 
 KCSTATUS begin_thread_transaction() {
@@ -367,14 +370,14 @@ KCSTATUS begin_thread_transaction() {
         return status;
     }
     transaction_first_key = last_key.number(0) + 1;
-    has_transaction = true;
+    transaction_thread.store(pthread_self(), std::memory_order_relaxed);
     return KC_OK;
 }
 
 KCSTATUS commit_thread_transaction() {
     const KCSTATUS status = is_lost() ? kLost : Query(Sql::kCommit).run();
     if (status != KC_OK) rollback_thread_transaction();
-    has_transaction = false;
+    transaction_thread.store(0, std::memory_order_relaxed);
     return status;
 }
 
@@ -383,7 +386,7 @@ void rollback_thread_transaction() {
     if (!is_lost()) Query(Sql::kRollback).run();
     disown_keys_from(transaction_first_key);
     ++epoch;
-    has_transaction = false;
+    transaction_thread.store(0, std::memory_order_relaxed);
 }
 
 }  // namespace tsreg

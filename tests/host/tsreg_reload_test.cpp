@@ -11,6 +11,7 @@
 #include "support/fork.h"
 #include "support/mappings.h"
 #include "support/registry_folder.h"
+#include "support/sizes.h"
 
 namespace osal_test {
 namespace {

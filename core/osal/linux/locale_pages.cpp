@@ -8,6 +8,7 @@
 #include <strings.h>
 
 #include "osal/linux/internal/converter.h"
+#include "osal/linux/internal/utf8_fours.h"
 
 namespace osal {
 namespace {
@@ -55,6 +56,7 @@ void open_page(const CHAR* page, FastPage& fast, HeldConverters& held) {
 }  // namespace
 
 void open_pages(const CHAR* oem_page, const CHAR* ansi_page) {
+    fast::look_at_processor();
     utf8_is_fast = opens_both_ways("UTF-8");
     open_page(oem_page, fast_pages[0], held_converters[0]);
     if (strcmp(oem_page, ansi_page) != 0) open_page(ansi_page, fast_pages[1], held_converters[1]);

@@ -4,6 +4,7 @@
 #include "osal/linux/internal/cursor.h"
 #include "osal/linux/internal/escape.h"
 #include "osal/linux/internal/locale_fast.h"
+#include "osal/linux/internal/utf8_fours.h"
 
 namespace osal::fast {
 namespace {
@@ -150,6 +151,8 @@ Outcome from_wide(const WCHAR* in, UINT32 length, CHAR* out, UINT32& count) {
     while (step == Step::kGoOn && at.in != at.in_end) {
         pass_run(at, stops);
         const WCHAR* const before = at.in;
+        pass_fours(at, kBatch);
+        if (at.in != before) continue;
         if (at.room() > 0)
             pass_bytes(at, std::min({at.left(), (at.room() - 1) / kLongest, kBatch}));
         if (at.in != before || at.in == at.in_end) continue;
