@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -752,12 +753,18 @@ TEST_F(ContextObjects, EveryObjectIsDeletedOnceWhateverRacesForIt) {
     EXPECT_TRUE(all_objects().empty());
 }
 
+std::ptrdiff_t threads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
+}
+
 // With deferred deletion the end of a context only queues its objects; a thread ends them.
 TEST_F(ContextObjects, DeferredDeletionsOutliveTheirContexts) {
     static std::atomic<int> deferred;
     static std::atomic<bool> on_this_thread;
     static std::thread::id here;
     here = std::this_thread::get_id();
+    const auto before = threads();
     auto* queued = instance<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
     ASSERT_EQ(queued->lpVtbl->Initialize(
                   queued, &kOther, sizeof(UINT64), 16, 0x10000000, 4,
@@ -781,7 +788,8 @@ TEST_F(ContextObjects, DeferredDeletionsOutliveTheirContexts) {
         }
     }
     EXPECT_EQ(queued->lpVtbl->Release(queued), 0u);
-    while (deferred < 200)
+    // Not only until the last routine ran: its thread must be out of the library before that goes.
+    while (deferred < 200 || threads() > before)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_FALSE(on_this_thread);
     for (UINT64 user = 1; user <= 20; user += 2)
