@@ -11,7 +11,6 @@
 #include "support/fork.h"
 #include "support/mappings.h"
 #include "support/registry_folder.h"
-#include "support/sizes.h"
 
 namespace osal_test {
 namespace {

@@ -249,6 +249,33 @@ TEST_F(Tool, ADamagedFileIsNamedAsSuch) {
     refuse("registry ls", 1, "stored data damaged");
 }
 
+// Commands with what they print, as a section of the README shows them.
+std::vector<std::pair<std::string, std::string>> examples_in(const std::string& section) {
+    std::ifstream readme(OSAL_SOURCE_DIR "/README.md");
+    std::vector<std::pair<std::string, std::string>> examples;
+    std::string line;
+    while (std::getline(readme, line) && line != section) {
+    }
+    while (std::getline(readme, line) && line != "```") {
+    }
+    while (std::getline(readme, line) && line != "```")
+        if (line.rfind("$ ", 0) == 0)
+            examples.push_back({line.substr(2), ""});
+        else if (!examples.empty())
+            examples.back().second += line + "\n";
+    return examples;
+}
+
+TEST_F(Tool, TheReadmeShowsWhatItDoes) {
+    const std::string shown = "build/release/bin/osalctl ";
+    const auto examples = examples_in("## Look at it");
+    EXPECT_GE(examples.size(), 6u);
+    for (const auto& [command, output] : examples) {
+        ASSERT_EQ(command.rfind(shown, 0), 0u) << command;
+        expect(command.substr(shown.size()), output);
+    }
+}
+
 TEST_F(Tool, HelpNamesTheExitCodes) {
     refuse("--help", 0, "Exit codes: 0 done");
     refuse("registry import --help", 0, "All or nothing");
