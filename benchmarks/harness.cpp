@@ -64,8 +64,9 @@ void run_rounds(std::vector<Runner>& runners, int rounds) {
 void print_case(const Case& measured) {
     std::printf("  %s\n", measured.label.c_str());
     for (const Figure& figure : measured.figures)
-        std::printf("    %-34s %12.1f ns  (min %12.1f)  %9.*f x\n", figure.name.c_str(),
-                    figure.median, figure.minimum, figure.ratio < 0.1 ? 4 : 2, figure.ratio);
+        std::printf("    %-34s %12.1f %s  (min %12.1f)  %9.*f x\n", figure.name.c_str(),
+                    figure.median, measured.unit == Unit::kTime ? "ns" : "B ", figure.minimum,
+                    figure.ratio < 0.1 ? 4 : 2, figure.ratio);
     std::fflush(stdout);
 }
 
@@ -95,8 +96,7 @@ Report::Report(int argc, char** argv, Info info) : info_(std::move(info)) {
 
 void Report::race(std::string group, std::string label, double x, std::vector<Contender> contenders,
                   Effort effort) {
-    if (group != group_) std::printf(" %s\n", group.c_str());
-    group_ = group;
+    begin_case(group);
     const Ns round_ns = quick_ ? kQuickRoundNs : kRoundNs;
     std::vector<Runner> runners;
     for (Contender& contender : contenders) {
@@ -107,7 +107,7 @@ void Report::race(std::string group, std::string label, double x, std::vector<Co
     }
     run_rounds(runners,
                std::max((quick_ ? kQuickRounds : kRounds) / effort.divide_rounds, kLeastRounds));
-    Case measured{std::move(group), std::move(label), x, {}};
+    Case measured{std::move(group), std::move(label), x, {}, Unit::kTime};
     Ns raw = 0;
     for (Runner& runner : runners) {
         measured.figures.push_back(figure_of(runner, raw));
@@ -115,6 +115,21 @@ void Report::race(std::string group, std::string label, double x, std::vector<Co
     }
     print_case(measured);
     cases_.push_back(std::move(measured));
+}
+
+void Report::compare(std::string group, std::string label, double x, std::vector<Amount> amounts) {
+    begin_case(group);
+    Case taken{std::move(group), std::move(label), x, {}, Unit::kBytes};
+    for (const Amount& amount : amounts)
+        taken.figures.push_back(
+            {amount.contender, amount.bytes, amount.bytes, amount.bytes / amounts.front().bytes});
+    print_case(taken);
+    cases_.push_back(std::move(taken));
+}
+
+void Report::begin_case(const std::string& group) {
+    if (group != group_) std::printf(" %s\n", group.c_str());
+    group_ = group;
 }
 
 void Report::missing(const std::string& peer) {

@@ -54,11 +54,20 @@ struct Figure {
     double ratio;  // of the medians, to the first contender
 };
 
+enum class Unit { kTime, kBytes };
+
 struct Case {
     std::string group;  // what the cases of one plot have in common
     std::string label;
     double x;  // place on the plot's axis
     std::vector<Figure> figures;
+    Unit unit = Unit::kTime;
+};
+
+// Something that is not a time: bytes that a contender uses.
+struct Amount {
+    std::string contender;
+    double bytes;
 };
 
 struct Info {
@@ -85,6 +94,9 @@ class Report {
     void race(std::string group, std::string label, double x, std::vector<Contender> contenders,
               Effort effort = {});
 
+    // Enters a case of amounts that the caller took.
+    void compare(std::string group, std::string label, double x, std::vector<Amount> amounts);
+
     bool quick() const { return quick_; }
 
     // Says that a peer is missing.
@@ -94,6 +106,8 @@ class Report {
     int finish();
 
   private:
+    void begin_case(const std::string& group);
+
     Info info_;
     bool quick_ = false;
     std::string out_;

@@ -1,9 +1,12 @@
-// The object manager at 10^3 to 10^7 objects: references by handle, creation and deletion, lookups
-// in a bucket, scans. Against a vector of slots and an unordered_map of shared_ptr, each under a
-// shared mutex.
+// The object manager at 10^3 to 10^7 objects: references by handle, creation, deletion, lookups in
+// a bucket, scans, on one thread and on two, and memory. Against a vector of slots that are named
+// by index and counted in place, and an unordered_map of shared_ptr, each under a shared mutex.
+#include <malloc.h>
+
+#include <array>
 #include <memory>
 #include <mutex>
-#include <random>
+#include <optional>
 #include <shared_mutex>
 #include <unordered_map>
 
@@ -16,13 +19,20 @@ namespace {
 using bench::Contender;
 
 constexpr UINT32 kSize = 64;  // bytes of data
+constexpr std::size_t kInBucket = 4;
 struct Payload {
-    unsigned char bytes[kSize];
+    UINT64 number;
+    unsigned char rest[kSize - 8];
 };
+
+BOOLEAN same_number(PVOID data, PVOID number) {
+    return static_cast<Payload*>(data)->number == *static_cast<UINT64*>(number);
+}
 
 class Manager {
   public:
-    Manager(UINT16 per_block, UINT32 buckets) {
+    Manager(UINT16 per_block, std::size_t count)
+        : handles(count, nullptr), buckets_(static_cast<UINT32>(count / kInBucket)) {
         void* factory = nullptr;
         DllGetClassObject(&CLSID_ObjectManagerDataStore, &IID_IClassFactory, &factory);
         auto* classes = static_cast<LCM_IClassFactory*>(factory);
@@ -31,8 +41,10 @@ class Manager {
         classes->lpVtbl->Release(classes);
         om_ = static_cast<IOM*>(made);
         slots_ = om_->lpVtbl;
-        slots_->Initialize(om_, kSize, per_block, KX_OBJECT_LEVEL_LOCK, buckets, nullptr, nullptr,
+        slots_->Initialize(om_, kSize, per_block, KX_OBJECT_LEVEL_LOCK, buckets_, nullptr, nullptr,
                            nullptr, 0);
+        for (std::size_t i = 0; i < count; ++i)
+            slots_->GetObjectHandle(om_, create(i), &handles[i]);
     }
     ~Manager() {
         for (HANDLE handle : handles) {
@@ -46,56 +58,194 @@ class Manager {
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
 
-    PVOID create(UINT32 bucket) {
+    PVOID create(std::size_t number) {
         PVOID data = nullptr;
-        slots_->CreateObject(om_, nullptr, nullptr, nullptr, nullptr, bucket, 0, 0, &data, nullptr);
+        slots_->CreateObject(om_, nullptr, nullptr, nullptr, nullptr,
+                             static_cast<UINT32>(number % buckets_), 0, 0, &data, nullptr);
+        static_cast<Payload*>(data)->number = number;
         return data;
     }
-    void fill(std::size_t count) {
-        handles.resize(count, nullptr);
-        for (HANDLE& handle : handles)
-            slots_->GetObjectHandle(om_, create(0), &handle);
+    void end(PVOID data) { slots_->DeleteObject(om_, data, 0); }
+    void touch(std::size_t number) {
+        PVOID data;
+        slots_->ReferenceObjectByHandle(om_, handles[number], 0, &data);
+        slots_->DereferenceObject(om_, data, 0);
     }
-    IOM* operator*() const { return om_; }
-    const IOMVtbl* operator->() const { return slots_; }
+    void find(UINT64 number) {
+        PVOID data;
+        slots_->FindObject(om_, &number, same_number, static_cast<UINT32>(number % buckets_), 0,
+                           &data);
+        slots_->DereferenceObject(om_, data, 0);
+    }
+    void step(HANDLE& scan) {
+        PVOID data;
+        if (slots_->EnumerateObjects(om_, &scan, nullptr, nullptr, 0, &data) == KC_OK)
+            slots_->DereferenceObject(om_, data, 0);
+        else
+            scan = nullptr;
+    }
 
     std::vector<HANDLE> handles;
 
   private:
+    UINT32 buckets_;
     IOM* om_;
     const IOMVtbl* slots_;
 };
 
-// Contender: slots in a vector, named by index, counted in place.
-struct SlotMap {
+class SlotMap {
+  public:
+    using Place = std::size_t;
+
+    explicit SlotMap(std::size_t count)
+        : slots_(count + kSpare), heads_(count / kInBucket, kNone), count_(count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            slots_[i].payload.number = i;
+            slots_[i].next = heads_[i % heads_.size()];
+            heads_[i % heads_.size()] = static_cast<UINT32>(i);
+        }
+        for (std::size_t i = count; i < slots_.size(); ++i)
+            free_.push_back(static_cast<UINT32>(i));
+    }
+    Place create(std::size_t) {
+        std::unique_lock lock(mutex_);
+        const Place place = free_.back();
+        free_.pop_back();
+        slots_[place].payload = {};
+        slots_[place].count = 1;
+        return place;
+    }
+    void end(Place place) {
+        if (--slots_[place].count != 0) return;
+        std::unique_lock lock(mutex_);
+        free_.push_back(static_cast<UINT32>(place));
+    }
+    void touch(std::size_t number) { --reference(number)->count; }
+    void find(UINT64 number) {
+        std::shared_lock lock(mutex_);
+        UINT32 place = heads_[number % heads_.size()];
+        while (place != kNone && slots_[place].payload.number != number)
+            place = slots_[place].next;
+        ++slots_[place].count;
+        lock.unlock();
+        --slots_[place].count;
+    }
+    void step(std::size_t& position) {
+        touch(position);
+        position = position + 1 < count_ ? position + 1 : 0;
+    }
+
+  private:
+    static constexpr UINT32 kNone = ~0u;
+    static constexpr std::size_t kSpare = 1024;
     struct Slot {
         std::atomic<UINT32> count{0};
+        UINT32 next = kNone;
         Payload payload;
     };
-    explicit SlotMap(std::size_t count) : slots(count) {}
-    Slot* reference(std::size_t index) {
-        std::shared_lock lock(mutex);
-        Slot* slot = &slots[index];
-        ++slot->count;
-        return slot;
+    Slot* reference(std::size_t number) {
+        std::shared_lock lock(mutex_);
+        ++slots_[number].count;
+        return &slots_[number];
     }
-    std::shared_mutex mutex;
-    std::vector<Slot> slots;
+
+    std::shared_mutex mutex_;
+    std::vector<Slot> slots_;
+    std::vector<UINT32> heads_;
+    std::vector<UINT32> free_;
+    std::size_t count_;
 };
 
-struct HashMap {
+class HashMap {
+  public:
+    using Map = std::unordered_map<UINT32, std::shared_ptr<Payload>>;
+    using Place = UINT32;
+
     explicit HashMap(std::size_t count) {
-        map.reserve(count);
+        map_.reserve(count);
         for (std::size_t i = 0; i < count; ++i)
-            map.emplace(static_cast<UINT32>(i), std::make_shared<Payload>());
+            map_.emplace(static_cast<UINT32>(i), std::make_shared<Payload>());
     }
-    std::shared_ptr<Payload> reference(UINT32 index) {
-        std::shared_lock lock(mutex);
-        const auto found = map.find(index);
-        return found != map.end() ? found->second : nullptr;
+    Place create(std::size_t number) {
+        const auto key = static_cast<UINT32>(number);
+        auto payload = std::make_shared<Payload>();
+        std::unique_lock lock(mutex_);
+        map_.emplace(key, std::move(payload));
+        return key;
     }
-    std::shared_mutex mutex;
-    std::unordered_map<UINT32, std::shared_ptr<Payload>> map;
+    void end(Place key) {
+        std::unique_lock lock(mutex_);
+        map_.erase(key);
+    }
+    void touch(std::size_t number) { find(number); }
+    void find(UINT64 number) {
+        std::shared_lock lock(mutex_);
+        const auto found = map_.find(static_cast<UINT32>(number));
+        const std::shared_ptr<Payload> payload = found != map_.end() ? found->second : nullptr;
+        lock.unlock();
+        bench::keep(payload.get());
+    }
+    void step(std::optional<Map::iterator>& position) {
+        std::shared_lock lock(mutex_);
+        if (!position || *position == map_.end()) position = map_.begin();
+        const std::shared_ptr<Payload> payload = (*position)->second;
+        ++*position;
+        lock.unlock();
+        bench::keep(payload.get());
+    }
+
+  private:
+    std::shared_mutex mutex_;
+    Map map_;
+};
+
+// What an object costs without a manager: memory of a slot's size and a lock of its own.
+struct ServiceLock {
+    using Place = std::pair<void*, HANDLE>;
+    Place create(std::size_t) {
+        Place place{std::malloc(kSize + 56), nullptr};
+        bench::keep(place.first);
+        osal->lpVtbl->KxAllocReadWriteLock(osal, &place.second);
+        return place;
+    }
+    void end(Place place) {
+        osal->lpVtbl->KxDestroyReadWriteLock(osal, place.second);
+        std::free(place.first);
+    }
+    PIOsal osal;
+};
+struct PlatformLock {
+    using Place = std::pair<void*, pthread_rwlock_t*>;
+    Place create(std::size_t) {
+        Place place{std::malloc(kSize + 56), new pthread_rwlock_t};
+        bench::keep(place.first);
+        pthread_rwlock_init(place.second, nullptr);
+        return place;
+    }
+    void end(Place place) {
+        pthread_rwlock_destroy(place.second);
+        delete place.second;
+        std::free(place.first);
+    }
+};
+
+// Bytes of the heap in use.
+double heap() {
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<double>(info.uordblks + info.hblkhd);
+}
+
+// Something made, with the bytes that it took for each of so many objects.
+template <class Made>
+struct Weighed {
+    template <class... Arguments>
+    explicit Weighed(std::size_t count, Arguments... arguments)
+        : before(heap()),
+          made(arguments...),
+          bytes((heap() - before) / static_cast<double>(count)) {}
+    double before;
+    Made made;
+    double bytes;
 };
 
 // A cheap sequence over all indexes that the caches cannot foresee.
@@ -107,6 +257,18 @@ struct Sequence {
     }
 };
 
+// One of a kind for each thread, apart.
+template <class Value>
+struct alignas(128) Apart {
+    Value value{};
+};
+template <class Value>
+using ForEachThread = std::shared_ptr<std::array<Apart<Value>, 2>>;
+template <class Value>
+ForEachThread<Value> for_each_thread() {
+    return std::make_shared<std::array<Apart<Value>, 2>>();
+}
+
 // work(n, who) on as many threads as asked for; the time is that of one thread's operation.
 template <class Work>
 Contender on(unsigned threads, std::string name, Work work) {
@@ -117,144 +279,164 @@ Contender on(unsigned threads, std::string name, Work work) {
             }};
 }
 
-void references(bench::Report& report, std::size_t count, unsigned threads) {
-    Manager manager(255, 1);
-    manager.fill(count);
-    SlotMap slots(count);
-    HashMap map(count);
-    const auto seed = [](unsigned who) { return Sequence{who * 977u + 1u}; };
-    report.race("Reference and dereference by handle, threads: " + std::to_string(threads),
-                bench::count_name(count), static_cast<double>(count),
-                {on(threads, "slot map, shared mutex",
-                    [&, seed](std::uint64_t n, unsigned who) {
-                        for (Sequence at = seed(who); n != 0; --n)
-                            --slots.reference(at.next(count))->count;
-                    }),
-                 on(threads, "object manager",
-                    [&, seed](std::uint64_t n, unsigned who) {
-                        for (Sequence at = seed(who); n != 0; --n) {
-                            PVOID data;
-                            manager->ReferenceObjectByHandle(
-                                *manager, manager.handles[at.next(count)], 0, &data);
-                            manager->DereferenceObject(*manager, data, 0);
-                        }
-                    }),
-                 on(threads, "unordered_map of shared_ptr, shared mutex",
-                    [&, seed](std::uint64_t n, unsigned who) {
-                        for (Sequence at = seed(who); n != 0; --n)
-                            bench::keep(map.reference(static_cast<UINT32>(at.next(count))).get());
-                    })});
-}
+constexpr const char* kSlotMap = "slot map, shared mutex";
+constexpr const char* kManager = "object manager";
+constexpr const char* kHashMap = "unordered_map of shared_ptr, shared mutex";
 
-void creations(bench::Report& report, PIOsal osal, std::size_t count) {
-    Manager manager(255, 1);
-    manager.fill(count);
-    report.race("Create and delete", bench::count_name(count), static_cast<double>(count),
-                {{"malloc, free, a lock made and destroyed",
-                  [=](std::uint64_t n) {
-                      for (; n != 0; --n) {
-                          void* memory = std::malloc(kSize + 56);
-                          bench::keep(memory);
-                          HANDLE lock;
-                          osal->lpVtbl->KxAllocReadWriteLock(osal, &lock);
-                          osal->lpVtbl->KxDestroyReadWriteLock(osal, lock);
-                          std::free(memory);
-                      }
-                  }},
-                 {"object manager", [&](std::uint64_t n) {
-                      for (; n != 0; --n)
-                          manager->DeleteObject(*manager, manager.create(0), 0);
-                  }}});
-}
+struct Population {
+    explicit Population(std::size_t size, UINT16 per_block)
+        : count(size), manager(size, per_block, size), slots(size, size), map(size, size) {}
+    std::size_t count;
+    Weighed<Manager> manager;
+    Weighed<SlotMap> slots;
+    Weighed<HashMap> map;
+};
 
-void scans(bench::Report& report, std::size_t count, UINT16 per_block) {
-    Manager manager(per_block, 1);
-    manager.fill(count);
-    std::vector<std::shared_ptr<Payload>> pointers(count);
-    for (auto& pointer : pointers)
-        pointer = std::make_shared<Payload>();
-    std::size_t position = 0;
-    std::shared_mutex mutex;
-    HANDLE scan = nullptr;
-    report.race("A step of a scan, slots a block: " + std::to_string(per_block),
-                bench::count_name(count), static_cast<double>(count),
-                {{"vector of shared_ptr, shared mutex",
-                  [&](std::uint64_t n) {
-                      for (; n != 0; --n) {
-                          std::shared_lock lock(mutex);
-                          std::shared_ptr<Payload> found = pointers[position];
-                          position = position + 1 < pointers.size() ? position + 1 : 0;
-                          lock.unlock();
-                          bench::keep(found.get());
-                      }
-                  }},
-                 {"object manager", [&](std::uint64_t n) {
-                      for (; n != 0; --n) {
-                          PVOID data;
-                          if (manager->EnumerateObjects(*manager, &scan, nullptr, nullptr, 0,
-                                                        &data) == KC_OK)
-                              manager->DereferenceObject(*manager, data, 0);
-                          else
-                              scan = nullptr;
-                      }
-                  }}});
-}
+class Subject {
+    static constexpr const char* kBase = "malloc, free, a lock of the services made and destroyed";
 
-BOOLEAN same_number(PVOID data, PVOID number) {
-    return *static_cast<UINT64*>(data) == *static_cast<UINT64*>(number);
-}
-
-void finds(bench::Report& report, std::size_t count) {
-    constexpr std::size_t kInBucket = 4;
-    const auto buckets = static_cast<UINT32>(count / kInBucket);
-    Manager manager(255, buckets);
-    manager.handles.resize(count, nullptr);
-    for (std::size_t i = 0; i < count; ++i) {
-        PVOID data = manager.create(static_cast<UINT32>(i % buckets));
-        *static_cast<UINT64*>(data) = i;
-        manager->GetObjectHandle(*manager, data, &manager.handles[i]);
+    void race(const std::string& group, unsigned threads, std::vector<Contender> contenders) {
+        report_.race(group + ", threads: " + std::to_string(threads), bench::count_name(all_.count),
+                     static_cast<double>(all_.count), std::move(contenders));
     }
-    HashMap map(count);
-    Sequence at = {1};
-    report.race("Find in a bucket of four", bench::count_name(count), static_cast<double>(count),
-                {{"unordered_map of shared_ptr, shared mutex",
-                  [&](std::uint64_t n) {
-                      for (; n != 0; --n)
-                          bench::keep(map.reference(static_cast<UINT32>(at.next(count))).get());
-                  }},
-                 {"object manager", [&](std::uint64_t n) {
-                      for (; n != 0; --n) {
-                          UINT64 number = at.next(count);
-                          PVOID data;
-                          manager->FindObject(*manager, &number, same_number,
-                                              static_cast<UINT32>(number % buckets), 0, &data);
-                          manager->DereferenceObject(*manager, data, 0);
-                      }
-                  }}});
-}
+    template <class Store>
+    auto touches(Store& subject) {
+        return [&subject, count = all_.count](std::uint64_t n, unsigned who) {
+            for (Sequence at{who * 977u + 1u}; n != 0; --n)
+                subject.touch(at.next(count));
+        };
+    }
+    template <class Store>
+    auto searches(Store& subject) {
+        return [&subject, count = all_.count](std::uint64_t n, unsigned who) {
+            for (Sequence at{who * 977u + 1u}; n != 0; --n)
+                subject.find(at.next(count));
+        };
+    }
+    template <class Store>
+    auto pairs(Store& subject) {
+        return [&subject, first = all_.count](std::uint64_t n, unsigned who) {
+            for (; n != 0; --n)
+                subject.end(subject.create(first + who));
+        };
+    }
+    template <class Position, class Store>
+    auto steps(Store& subject) {
+        return [&subject, at = for_each_thread<Position>()](std::uint64_t n, unsigned who) {
+            for (; n != 0; --n)
+                subject.step((*at)[who].value);
+        };
+    }
+    template <class Store>
+    auto half(Store& subject, bool creates) {
+        return [&subject, creates, first = all_.count](std::uint64_t n) -> bench::Ns {
+            constexpr std::uint64_t kRun = 200;
+            std::array<decltype(subject.create(0)), kRun> places;
+            bench::Ns elapsed = 0;
+            for (std::uint64_t left = n; left != 0;) {
+                const std::uint64_t run = std::min(left, kRun);
+                const bench::Ns begin = bench::now();
+                for (std::uint64_t i = 0; i < run; ++i)
+                    places[i] = subject.create(first + i);
+                const bench::Ns middle = bench::now();
+                for (std::uint64_t i = 0; i < run; ++i)
+                    subject.end(places[i]);
+                elapsed += creates ? middle - begin : bench::now() - middle;
+                left -= run;
+            }
+            return elapsed;
+        };
+    }
+
+  public:
+    Subject(bench::Report& report, PIOsal osal, Population& all)
+        : report_(report), osal_(osal), all_(all) {}
+
+    void references(unsigned threads) {
+        race("Reference and dereference by handle", threads,
+             {on(threads, kSlotMap, touches(all_.slots.made)),
+              on(threads, kManager, touches(all_.manager.made)),
+              on(threads, kHashMap, touches(all_.map.made))});
+    }
+    void creations(unsigned threads) {
+        auto service = std::make_shared<ServiceLock>(osal_);
+        auto platform = std::make_shared<PlatformLock>();
+        race("Create and delete", threads,
+             {on(threads, kBase, pairs(*service)),
+              on(threads, "the same, with a lock of the platform", pairs(*platform)),
+              on(threads, kManager, pairs(all_.manager.made)),
+              on(threads, kSlotMap, pairs(all_.slots.made)),
+              on(threads, kHashMap, pairs(all_.map.made))});
+    }
+    // Creation and deletion alone, each timed within runs of both.
+    void halves() {
+        auto service = std::make_shared<ServiceLock>(osal_);
+        for (bool creates : {true, false})
+            race(creates ? "Create" : "Delete", 1,
+                 {{kBase, half(*service, creates)},
+                  {kManager, half(all_.manager.made, creates)},
+                  {kSlotMap, half(all_.slots.made, creates)},
+                  {kHashMap, half(all_.map.made, creates)}});
+    }
+    void finds(unsigned threads) {
+        race("Find in a bucket of four", threads,
+             {on(threads, kSlotMap, searches(all_.slots.made)),
+              on(threads, kManager, searches(all_.manager.made)),
+              on(threads, kHashMap, searches(all_.map.made))});
+    }
+    void scans(unsigned threads, const std::string& shape = "") {
+        using At = std::optional<HashMap::Map::iterator>;
+        race("A step of a scan" + shape, threads,
+             {on(threads, kSlotMap, steps<std::size_t>(all_.slots.made)),
+              on(threads, kManager, steps<HANDLE>(all_.manager.made)),
+              on(threads, kHashMap, steps<At>(all_.map.made))});
+    }
+    void memory() {
+        report_.compare("Memory an object", bench::count_name(all_.count),
+                        static_cast<double>(all_.count),
+                        {{kSlotMap, all_.slots.bytes},
+                         {kManager, all_.manager.bytes},
+                         {kHashMap, all_.map.bytes}});
+    }
+
+  private:
+    bench::Report& report_;
+    PIOsal osal_;
+    Population& all_;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    bench::Report report(argc, argv,
-                         {"objects", "Object manager against size", "one pair of calls",
-                          "Objects hold 64 bytes of data and a read/write lock of their own. Times "
-                          "of two threads are those of one thread's operation while the other does "
-                          "the same.",
-                          "objects"});
+    bench::Report report(
+        argc, argv,
+        {"objects", "Object manager against size", "one pair of calls",
+         "Objects hold 64 bytes of data and a read/write lock of their own, which the "
+         "contenders' have not. Times of two threads are those of one thread's "
+         "operation while the other does the same. To be judged against for "
+         "creation and deletion: memory of the same size and the lock that every "
+         "object has, which comes from the services here as it does in the object "
+         "manager.",
+         "objects"});
     bench::Library library;
     bench::Instance osal;
     std::vector<std::size_t> counts = {1'000, 100'000, 1'000'000};
     if (!report.quick()) counts.push_back(10'000'000);
-    for (unsigned threads : {1u, 2u})
-        for (std::size_t count : counts)
-            references(report, count, threads);
-    for (std::size_t count : counts)
-        creations(report, osal, count);
-    for (std::size_t count : counts)
-        finds(report, count);
-    for (UINT16 per_block : {255, 16})
-        for (std::size_t count : {1'000, 1'000'000})
-            scans(report, count, per_block);
+    for (std::size_t count : counts) {
+        Population all(count, 255);
+        Subject subject(report, osal, all);
+        for (unsigned threads : {1u, 2u}) {
+            subject.references(threads);
+            subject.creations(threads);
+            subject.finds(threads);
+            subject.scans(threads);
+        }
+        subject.halves();
+        subject.memory();
+    }
+    for (std::size_t count : {1'000, 1'000'000}) {
+        Population all(count, 16);
+        Subject(report, osal, all).scans(1, ", 16 slots a block");
+    }
     return report.finish();
 }

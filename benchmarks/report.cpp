@@ -76,6 +76,10 @@ std::string time_text(Ns ns) {
     return format("%.1f ms", ns / 1e6);
 }
 
+std::string value_text(double value, Unit unit) {
+    return unit == Unit::kTime ? time_text(value) : format("%.0f B", value);
+}
+
 std::string ratio_text(double ratio) {
     return format(ratio < 0.1 ? "%.4f" : "%.2f", ratio);
 }
@@ -96,8 +100,9 @@ void write_group(std::ofstream& file, const std::vector<Case>& group) {
                 file << " |";
                 continue;
             }
-            file << ' ' << time_text(figure->median) << " (" << time_text(figure->minimum)
-                 << "), **" << ratio_text(figure->ratio) << "** |";
+            file << ' ' << value_text(figure->median, one.unit);
+            if (one.unit == Unit::kTime) file << " (" << time_text(figure->minimum) << ')';
+            file << ", **" << ratio_text(figure->ratio) << "** |";
         }
     }
     file << '\n';
@@ -158,7 +163,7 @@ void curve(std::ofstream& svg, const std::vector<Case>& group, const std::string
         << dots;
 }
 
-// Time against size, both logarithmic.
+// Figures against size, both logarithmic.
 void curves(std::ofstream& svg, const std::vector<Case>& group, const std::string& x_axis,
             double top) {
     Axis x{group.front().x, group.back().x, kLeft, kWidth - kRight};
@@ -172,7 +177,7 @@ void curves(std::ofstream& svg, const std::vector<Case>& group, const std::strin
            top + kHeight - kBottom, top + kTop};
     for (double ns = y.low; ns <= y.high * 1.01; ns *= 10) {
         line(svg, kLeft, y.at(ns), kWidth - kRight, y.at(ns));
-        text(svg, kLeft - 6, y.at(ns) + 4, "end", time_text(ns));
+        text(svg, kLeft - 6, y.at(ns) + 4, "end", value_text(ns, group.front().unit));
     }
     for (const Case& one : group)
         text(svg, x.at(one.x), top + kHeight - kBottom + 16, "middle", one.label);
@@ -205,7 +210,7 @@ double bars(std::ofstream& svg, const std::vector<Case>& group, double top) {
                 "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"12\" fill=\"%s\"/>\n", left, y,
                 std::max(figure.ratio / most * width, 1.0), kColours[i % std::size(kColours)]);
             text(svg, left + figure.ratio / most * width + 5, y + 10, "start",
-                 ratio_text(figure.ratio) + " x, " + time_text(figure.median));
+                 ratio_text(figure.ratio) + " x, " + value_text(figure.median, one.unit));
         }
         y += 8;
     }

@@ -114,7 +114,7 @@ BOOLEAN free_slot(pObjectInfo oi, pObject ob) {
     const bool kept = has(ob, OBJ_FLAG_PERMANENT) && !running_down(oi);
     if (bh->freeObjectCount + 1u == oi->objectsPerBlock && !kept) return FreeBlock(oi, bh);
     set_generation(ob, static_cast<UCHAR>(ob->handleInstance + 1));
-    change_flags(ob, OBJ_FLAG_IN_USE | kEndingFlags, OBJ_FLAG_FREE);
+    set_unshared_flags(ob, OBJ_FLAG_IN_USE | kEndingFlags, OBJ_FLAG_FREE);
     return_slot(oi, ob);
     return FALSE;
 }
@@ -228,10 +228,11 @@ void InternalRelease(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect)
 }
 
 BOOLEAN FreeObject(pObjectInfo oi, pObject ob, BOOLEAN ignoreAccessLevel) {
-    set_mark(ob, kHandedOver);
     if (running_down(oi) && has(ob, OBJ_FLAG_DEALLOCATED)) turn_into_deleted(ob);
     const bool counted = !has(ob, OBJ_FLAG_PREALLOCATED) && !marked(ob, kUncounted);
     const Ending ending = ending_of(oi, ob);
+    // Only with a routine to run does anybody else get the instance lock before this ends.
+    if (ending.routine != nullptr) set_mark(ob, kHandedOver);
     const bool deferred = (load(oi->flags) & OI_FLAG_DEFERRED_DELETE) != 0;
     if (ending.routine != nullptr && deferred && !ignoreAccessLevel) {
         ScheduleObjForDeletion(oi, ob);

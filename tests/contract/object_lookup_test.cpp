@@ -194,6 +194,26 @@ TEST_P(ObjectLookup, RawHandlesAreNotThoseOfTheSecondInterface) {
     end(data);
 }
 
+TEST_P(ObjectLookup, RawHandlesNeedTheirPointersToo) {
+    void* same = nullptr;
+    ASSERT_EQ(om.QueryInterface(info, &IID_IObjectManager_2, &same), KC_OK);
+    auto* second = static_cast<IOM_2*>(same);
+    const auto raw_handle = second->lpVtbl->GetRawObjectHandle;
+    PVOID some = kUntouched;
+    HANDLE handle = kUntouched;
+    EXPECT_EQ(raw_handle(second, some, &handle), object_error(4)) << "not initialised";
+    expect_built(4, "ObjectGetHandle", 1488);
+    start();
+    PVOID data = create(1);
+    EXPECT_EQ(raw_handle(second, nullptr, &handle), object_error(4));
+    expect_built(4, "ObjectGetHandle", 1488);
+    EXPECT_EQ(raw_handle(second, data, nullptr), object_error(4));
+    expect_built(4, "ObjectGetHandle", 1488);
+    EXPECT_EQ(handle, kUntouched);
+    second->lpVtbl->Release(second);
+    end(data);
+}
+
 TEST_P(ObjectLookup, AnUnknownHandleIsRefusedWithoutALogLine) {
     start();
     PVOID found = kUntouched;
@@ -725,6 +745,22 @@ TEST_P(ObjectLookup, OpenReplacesAnObjectThatIsBeingDeleted) {
     EXPECT_EQ(count(old), 1u) << "the reference of the search was dropped";
     unmark_deleted(old);
     end(old);
+    end(data);
+}
+
+TEST_P(ObjectLookup, OpenEndsADeletedObjectOfWhichItHasTheLastReference) {
+    start();
+    PVOID old = create(5), data = allocate(0), opened = nullptr;
+    UINT32 mode = 0;
+    om.AcquireObject(info, old, 1);
+    RawThread opener([&] { open(5, &opened, &mode); });
+    ASSERT_TRUE(eventually([&] { return count(old) == 2; }));
+    end(old, 1);
+    opener.join();
+    EXPECT_EQ(opened, data);
+    EXPECT_EQ(mode, 1u);
+    EXPECT_EQ(recorded.deletions(), Numbers{5});
+    EXPECT_EQ(stats(), (Stats{4, 1, 0}));
     end(data);
 }
 

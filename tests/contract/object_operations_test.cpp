@@ -270,6 +270,53 @@ TEST_P(ObjectOperations, CreateReplacesAnObjectThatIsBeingDeleted) {
     end(fresh);
 }
 
+// The deleter drops its reference while the search waits for the object's lock, so that the search
+// has the last one.
+TEST_P(ObjectOperations, CreateEndsADeletedObjectOfWhichItHasTheLastReference) {
+    start();
+    PVOID old = create(1), fresh = nullptr;
+    UINT32 mode = 0;
+    om.AcquireObject(info, old, 1);
+    RawThread searcher([&] { create_or_open(1, 0, 0, &fresh, &mode); });
+    ASSERT_TRUE(eventually([&] { return count(old) == 2; }));
+    end(old, 1);
+    searcher.join();
+    EXPECT_EQ(mode, 1u);
+    EXPECT_EQ(recorded.deletions(), Numbers{1});
+    EXPECT_EQ(stats(), (Stats{4, 1, 0}));
+    expect_nothing_built();
+    end(fresh);
+}
+
+TEST_P(ObjectOperations, CreatingRefusesALevelWithoutLocks) {
+    start();
+    PVOID data = kUntouched;
+    UINT32 mode = 99;
+    info->accessLevel = 1;
+    EXPECT_EQ(create_or_open(1, 0, 0, &data, nullptr), object_error(4));
+    expect_built(4, "ObjectCreate", 499);
+    EXPECT_EQ(by_handle(0x01010001, &data, &mode), object_error(4));
+    info->accessLevel = 0;
+    expect_built(4, "ObjectCreateByHandle", 797);
+    EXPECT_EQ(mode, 0u);
+    EXPECT_EQ(data, kUntouched);
+    EXPECT_EQ(block(1)->freeObjectCount, 4u);
+}
+
+// A handle that nobody made yet is good neither before its slot is taken nor when the taking fails.
+TEST_P(ObjectOperations, AnInitErrorOfAHandleLeavesTheGenerationOfTheSlot) {
+    start();
+    recorded.init_result = 0xC0000001;
+    UINT32 word = 1;
+    PVOID data = nullptr;
+    EXPECT_EQ(om.CreateObjectByHandle(info, osal::handle_from(0x01770001), &word, write_word, 0, 0,
+                                      &data, nullptr),
+              0xC0000001u);
+    EXPECT_EQ(osal::handle_of(osal::slot_of(info, block(1), 1)), 0x01010001u);
+    EXPECT_EQ(reference(handle_from(0x01770001)), nullptr);
+    EXPECT_EQ(reference(handle_from(0x01010001)), nullptr);
+}
+
 // --- DeleteObject, DereferenceObject ---
 
 TEST_P(ObjectOperations, ADeletedObjectLivesUntilItsLastReferenceGoes) {

@@ -195,6 +195,8 @@ const Config kConfigs[] = {
     {"SpinLevelDeferred", {.per_block = 4, .level = 0x20000002, .buckets = 1, .permanent = 1}},
     {"MutexesDeferred", {.per_block = 255, .level = 0x80000003, .buckets = 2}}};
 
+constexpr UINT32 kMostObjects = 300;
+
 class ObjectModel : public ServiceTest, public testing::WithParamInterface<Config> {
   protected:
     ObjectModel() : shape(GetParam().shape), model(shape) {
@@ -415,6 +417,8 @@ class ObjectModel : public ServiceTest, public testing::WithParamInterface<Confi
         }
     }
     void step() {
+        // The model walks its blocks, so there must not be too many of them in a long run.
+        if (model.stats[1] + model.stats[2] > kMostObjects) return give_back(true);
         switch (below(16)) {
             case 0:
             case 1:

@@ -274,6 +274,11 @@ inline void change_flags(pObject ob, UINT8 cleared, UINT8 set) {
         ;
 }
 
+// The same for a slot that nobody else can be changing: a free one, or one that is being freed.
+inline void set_unshared_flags(pObject ob, UINT8 cleared, UINT8 set) {
+    store(ob->flags, static_cast<UINT8>((load(ob->flags) & ~cleared) | set));
+}
+
 // Marks.
 inline constexpr UINT8 kHandedOver = 0x01;  // FreeObject has it: queued or being freed
 inline constexpr UINT8 kUncounted = 0x02;   // deleted while preallocated: not part of statsInUse
@@ -300,7 +305,7 @@ inline std::atomic_ref<UINT64> state_word(pObject ob) {
 
 // Makes a live object of an occupied slot that is complete: look-ups may find it from here on.
 inline void make_live(pObject ob, UINT8 set) {
-    change_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE | set);
+    set_unshared_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE | set);
 }
 
 inline void lock_object(pObjectInfo oi, pObject ob, UINT32 access) {
