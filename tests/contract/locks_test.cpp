@@ -293,6 +293,7 @@ TEST_P(Mutex, AcquireAndReleaseIgnoreTheInstance) {
 }
 
 TEST_P(Mutex, AReleaseByAnotherThreadReturnsZeroAndChangesNothing) {
+    SKIP_UNDER_HELGRIND();
     SKIP_UNDER_THREAD_SANITIZER();
     StatusRecorder statuses;
     ASSERT_EQ(CALL(KxAcquireMutex)(osal, mutex), KC_OK);
@@ -303,6 +304,7 @@ TEST_P(Mutex, AReleaseByAnotherThreadReturnsZeroAndChangesNothing) {
 }
 
 TEST_P(Mutex, DestructionWhileHeldLeavesItUsable) {
+    SKIP_UNDER_HELGRIND();
     SKIP_UNDER_THREAD_SANITIZER();
     StatusRecorder statuses;
     ASSERT_EQ(CALL(KxAcquireMutex)(osal, mutex), KC_OK);
@@ -443,6 +445,7 @@ TEST_P(ReadWriteLock, ReleaseOfAnUnheldLockReturnsOneWhateverWasLockedBefore) {
 }
 
 TEST_P(ReadWriteLock, ConcurrentSurplusReleasesNeverUnlockTwice) {
+    SKIP_UNDER_HELGRIND();
     for (int round = 0; round < 200; ++round) {
         std::atomic<int> ready = 0, unlocks = 0;
         auto release = [&] {
@@ -481,6 +484,7 @@ TEST_P(ReadWriteLock, APlatformRefusalLeavesTheCountsUntouched) {
 }
 
 TEST_P(ReadWriteLock, TheWriterThatAsksAgainIsRefused) {
+    SKIP_UNDER_HELGRIND();
     ASSERT_EQ(CALL(KxAcquireLockForWriteAccess)(osal, lock, TRUE), KC_OK);
     EXPECT_EQ(CALL(KxAcquireLockForWriteAccess)(osal, lock, TRUE), error(0x1002));
     EXPECT_EQ(CALL(KxAcquireLockForReadAccess)(osal, lock, TRUE), error(0x1002));
@@ -669,6 +673,7 @@ TEST_P(SpinLock, AcquireAndReleaseIgnoreTheInstance) {
 }
 
 TEST_P(SpinLock, DestructionWhileHeldLeavesItUsable) {
+    SKIP_UNDER_HELGRIND();
     SKIP_UNDER_THREAD_SANITIZER();
     StatusRecorder statuses;
     KCSPIN_STATE saved;

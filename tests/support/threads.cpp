@@ -1,8 +1,16 @@
 #include "support/threads.h"
 
+#include <cstdlib>
+#include <cstring>
+
 #include "osal/internal/pool_block.h"
 
 namespace osal_test {
+
+bool under_helgrind() {
+    const char* preloaded = std::getenv("LD_PRELOAD");
+    return preloaded != nullptr && std::strstr(preloaded, "vgpreload_helgrind") != nullptr;
+}
 
 void forget_stack_of_this_thread() {
 #if defined(OSAL_ADDRESS_SANITIZER)

@@ -40,6 +40,11 @@ inline bool eventually(const std::function<bool()>& condition) {
 #define SKIP_UNDER_THREAD_SANITIZER() ((void)0)
 #endif
 
+// helgrind reports more kinds of misuse than the platform minds.
+bool under_helgrind();
+#define SKIP_UNDER_HELGRIND() \
+    if (under_helgrind()) GTEST_SKIP() << "misuses a platform lock on purpose"
+
 // Cancellation unwinds frames that AddressSanitizer has not seen returning; this makes their stack
 // usable again. Does nothing otherwise.
 void forget_stack_of_this_thread();

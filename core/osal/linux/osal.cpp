@@ -11,6 +11,7 @@
 #include "osal/internal/list.h"
 #include "osal/internal/object.h"
 #include "osal/internal/status.h"
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/init.h"
 #include "osal/osal.h"
 
@@ -54,6 +55,8 @@ void make_instance(OsalObjInfo* instance) {
     instance->Signature = OsalObjInfo::kSignature;
     instance->ProtectionMutex.init();
     instance->ProtectionSpinLock.init();
+    announce_atomics(instance->MemoryNonPagedInUse, instance->MemoryNonPagedTotalAllocated,
+                     instance->MemoryPagedInUse, instance->MemoryPagedTotalAllocated);
     for (auto list : kResourceLists)
         OsalInitializeListHead(&(instance->*list));
 }

@@ -17,6 +17,7 @@
 #include "osal/internal/atomics.h"
 #include "osal/internal/instance.h"
 #include "osal/internal/status.h"
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/init.h"
 #include "osal/linux/internal/schedule.h"
 #include "osal/linux/internal/schedule_threads.h"
@@ -171,6 +172,7 @@ void make_timer(Timer* timer, PKX_TIMER_ROUTINE routine, PVOID context) {
     timer->delta = 0;
     timer->timerState = kNeverArmed;
     timer->sorted = FALSE;
+    announce_atomics(timer->timerState);
 }
 
 }  // namespace
@@ -245,6 +247,7 @@ int InitTimerInfrastructure() {
 }
 
 void StartTimerInfrastructure() {
+    announce_atomics(g_OsalTimerThreadExit, g_OsalCurrentTimers, g_OsalCurrentlyExecutingTimerPtr);
     store(g_OsalTimerThreadExit, FALSE);
     if (start_library_thread(OsalTimerThread, nullptr)) increment(g_OsalNumTimerThreads);
 }

@@ -14,6 +14,7 @@
 #include "osal/internal/instance.h"
 #include "osal/internal/list.h"
 #include "osal/internal/status.h"
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/init.h"
 #include "osal/linux/internal/schedule.h"
 #include "osal/linux/internal/schedule_threads.h"
@@ -222,6 +223,7 @@ KCSTATUS KxAllocWorkItem(PIOsal pThis, PKX_WORK_ITEM_ROUTINE pWorkItemRoutine, P
     item->pCallerContext = pContext;
     item->Signature = WorkItem::kSignature;
     item->pending = FALSE;
+    announce_atomics(item->pending);
     increment(instance->WorkItemInUse);
     return KC_OK;
 }

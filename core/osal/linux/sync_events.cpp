@@ -5,7 +5,9 @@
 // has to take that mutex first.
 #include "osal/event.h"
 
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/event.h"
+#include "osal/linux/internal/wait.h"
 
 using namespace osal;
 
@@ -19,7 +21,8 @@ void signal_master(Event* master) {
     pthread_cond_signal(&master->condition);
 }
 
-void signal_masters(Event* event) REQUIRES(event->mutex) {
+// What is rare stays out of line: the registers that it needs would be saved by every signal.
+[[gnu::noinline]] void signal_masters(Event* event) REQUIRES(event->mutex) {
     const LIST_ENTRY* head = &event->multiWaitList;
     for (PLIST_ENTRY entry = head->Flink; entry != head; entry = entry->Flink) {
         auto* registration = record_of<Registration>(entry, offsetof(Registration, SingleEntry));
@@ -27,28 +30,25 @@ void signal_masters(Event* event) REQUIRES(event->mutex) {
     }
 }
 
-// Returns the former state. Contract: an event that is signalled already wakes nobody.
-UINT32 signal(Event* event) {
-    Lock lock(event->mutex);
-    const UINT32 former = load(event->state);
-    if (former != 0) return former;
-    store(event->state, UINT32{1});
+[[gnu::noinline]] void wake_sleepers(Event* event) {
     if (event->type == KxNotificationEvent)
         pthread_cond_broadcast(&event->condition);
     else
         pthread_cond_signal(&event->condition);
-    signal_masters(event);
-    return former;
 }
 
-void report(UINT32 former, BOOLEAN* pPrevState) {
-    if (pPrevState != nullptr) *pPrevState = former != 0;
+void raise(Event* event) REQUIRES(event->mutex) {
+    store(event->state, UINT32{1});
+    if (event->sleepers != 0) wake_sleepers(event);
+    if (!OsalIsListEmpty(&event->multiWaitList)) signal_masters(event);
 }
 
 }  // namespace
 
 void Event::init_platform() NO_THREAD_SAFETY_ANALYSIS {
     state = 0;
+    sleepers = 0;
+    announce_atomics(state);
     OsalInitializeListHead(&Link);
     OsalInitializeListHead(&multiWaitList);
     pthread_cond_init(&condition, nullptr);
@@ -71,10 +71,14 @@ KCSTATUS KxDestroyEvent(PIOsal pThis, HANDLE Handle) {
     return end_record<Event>(pThis, Handle);
 }
 
+// Contract: an event that is signalled already wakes nobody.
 KCSTATUS KxSignalEvent(PIOsal, HANDLE Handle, BOOLEAN* pPrevState) {
     auto* event = as<Event>(Handle);
     if (event == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE);
-    report(signal(event), pPrevState);
+    InlineLock lock(event->mutex);
+    const UINT32 former = load(event->state);
+    if (pPrevState != nullptr) *pPrevState = former != 0;
+    if (former == 0) raise(event);
     return KC_OK;
 }
 
@@ -82,6 +86,7 @@ KCSTATUS KxSignalEvent(PIOsal, HANDLE Handle, BOOLEAN* pPrevState) {
 KCSTATUS KxResetEvent(PIOsal, HANDLE Handle, BOOLEAN* pPrevState) {
     auto* event = as<Event>(Handle);
     if (event == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE);
-    report(std::atomic_ref<UINT32>(event->state).exchange(0), pPrevState);
+    const UINT32 former = std::atomic_ref<UINT32>(event->state).exchange(0);
+    if (pPrevState != nullptr) *pPrevState = former != 0;
     return KC_OK;
 }

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/sync.h"
 
 using namespace osal;
@@ -26,8 +27,9 @@ void repair(UINT32& count) {
         std::atomic_ref<UINT32>(count).compare_exchange_strong(found, 0);
 }
 
+// The platform's pthread_self(), which is the address of the thread's control block, but in line.
 void note_owner(ReadWriteLock* lock) {
-    store(lock->threadId, pthread_self(), std::memory_order_relaxed);
+    store(lock->threadId, pthread_t{thread_token()}, std::memory_order_relaxed);
 }
 
 // Takes one reader off, unless there is none: of two releases for one reader, one finds it gone.
@@ -61,6 +63,7 @@ void ReadWriteLock::init_platform() {
     pthread_rwlock_init(&rwLock, &prefer_writers);
     readers = 0;
     writers = 0;
+    announce_atomics(threadId, readers, writers);
 }
 
 // The platform would destroy a lock that is held and leave its holder without one.

@@ -20,11 +20,28 @@ constexpr const char* kMultiWait = "KxWaitForMultipleEvents";
 constexpr KCSTATUS kTimedOut = unlogged_error(KC_CODE_TIMED_OUT);
 constexpr KCSTATUS kWaitFailed = 1;
 
+// Counts this thread among the sleepers of an event, also until it is cancelled.
+class Sleeper {
+  public:
+    explicit Sleeper(Event* event) NO_THREAD_SAFETY_ANALYSIS : count_(event->sleepers) { ++count_; }
+    ~Sleeper() { --count_; }
+    Sleeper(const Sleeper&) = delete;
+    Sleeper& operator=(const Sleeper&) = delete;
+
+  private:
+    UINT32& count_;
+};
+
+[[gnu::noinline]] int sleep_on(Event* event, INT64 timeout_us) REQUIRES(event->mutex) {
+    Sleeper sleeper(event);
+    return wait_once(&event->condition, event->mutex, timeout_us);
+}
+
 // Contract: sleeps once; any wake-up counts as a signal, whoever consumed it meanwhile.
 int wait_for(Event* event, INT64 timeout_us) {
-    Lock lock(event->mutex);
+    InlineLock lock(event->mutex);
     int result = 0;
-    if (!is_signalled(event)) result = wait_once(&event->condition, event->mutex, timeout_us);
+    if (!is_signalled(event)) result = sleep_on(event, timeout_us);
     if (result == 0) consume(event);
     return result;
 }
@@ -32,7 +49,7 @@ int wait_for(Event* event, INT64 timeout_us) {
 // Under the event's mutex although the state is atomic: whoever signalled has then left the event,
 // and the caller may destroy it.
 bool take(Event* event) {
-    Lock lock(event->mutex);
+    InlineLock lock(event->mutex);
     if (!is_signalled(event)) return false;
     consume(event);
     return true;
@@ -125,7 +142,7 @@ class MultiWait {
 };
 
 MultiWait::Step MultiWait::take_or_enlist(Event* event) {
-    Lock lock(event->mutex);
+    InlineLock lock(event->mutex);
     if (is_signalled(event)) {
         consume(event);
         return Step::kTaken;
@@ -165,7 +182,7 @@ int MultiWait::sleep() {
 bool MultiWait::claim(Registration* registration) {
     Event* event = registration->pSingleEvent;
     if (!is_signalled(event)) return false;
-    Lock lock(event->mutex);
+    InlineLock lock(event->mutex);
     if (!is_signalled(event)) return false;
     consume(event);
     OsalRemoveEntryList(&registration->SingleEntry);

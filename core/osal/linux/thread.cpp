@@ -10,6 +10,7 @@
 #include "osal/internal/atomics.h"
 #include "osal/internal/instance.h"
 #include "osal/internal/status.h"
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/init.h"
 #include "osal/linux/internal/thread.h"
 #include "osal/linux/internal/wait.h"
@@ -55,6 +56,7 @@ void prepare(Thread* thread, PKX_THREAD_ROUTINE routine, PVOID context) NO_THREA
     thread->status = KC_OK;
     thread->pCallerThreadContext = context;
     thread->ended = FALSE;
+    announce_atomics(thread->pCallerThreadRoutine);
     thread->mutex.init();
     pthread_cond_init(&thread->condition, nullptr);
 }
@@ -182,6 +184,7 @@ KCSTATUS KxDestroyThread(PIOsal pThis, HANDLE Handle) {
     pthread_attr_destroy(&thread->attr);
     pthread_cond_destroy(&thread->condition);
     thread->mutex.destroy();
+    announce_end(thread);
     retire_to_pool(pThis, thread);
     return KC_OK;
 }

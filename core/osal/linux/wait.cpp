@@ -3,6 +3,8 @@
 
 #include <limits>
 
+#include "osal/internal/valgrind.h"
+
 namespace osal {
 namespace {
 
@@ -34,11 +36,37 @@ timespec deadline_after(INT64 timeout_us) {
     return time;
 }
 
+namespace {
+
+// A wait on its way; ended by ended() or by cancellation.
+class Waiting {
+  public:
+    Waiting(pthread_cond_t* condition, pthread_mutex_t* mutex)
+        : condition_(condition), mutex_(mutex) {}
+    ~Waiting() {
+        if (condition_ != nullptr) announce_cancelled_wait(condition_, mutex_);
+    }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+    int ended(int result) {
+        condition_ = nullptr;
+        return result;
+    }
+
+  private:
+    pthread_cond_t* condition_;
+    pthread_mutex_t* const mutex_;
+};
+
+}  // namespace
+
 // A cancelled thread leaves this frame behind AddressSanitizer's back: it must not be marked.
 NO_ADDRESS_CHECKS int wait_once(pthread_cond_t* condition, Mutex& mutex, INT64 timeout_us) {
-    if (timeout_us == kWithoutLimit) return pthread_cond_wait(condition, &mutex.native);
+    Waiting waiting(condition, &mutex.native);
+    if (timeout_us == kWithoutLimit)
+        return waiting.ended(pthread_cond_wait(condition, &mutex.native));
     const timespec deadline = deadline_after(timeout_us);
-    return pthread_cond_timedwait(condition, &mutex.native, &deadline);
+    return waiting.ended(pthread_cond_timedwait(condition, &mutex.native, &deadline));
 }
 
 }  // namespace osal

@@ -8,7 +8,8 @@
 //
 // type: never changes. state: raised under mutex, lowered with or without it; always atomic.
 // multiWaitList: the registrations of waits for several events, by their SingleEntry. Link is kept
-// an empty list; Link2 and waitCount are part of the record only.
+// an empty list; Link2 and waitCount are part of the record only. sleepers: the threads that sleep
+// on condition; guarded by mutex.
 struct _KX_EVENT_HANDLE_ {
     static constexpr UINT32 kSignature = osal::four_cc("EVNT");
     static constexpr auto kInUse = &OsalObjInfo::EventInUse;
@@ -22,6 +23,9 @@ struct _KX_EVENT_HANDLE_ {
     osal::Mutex mutex;
     pthread_cond_t condition;
     LIST_ENTRY multiWaitList GUARDED_BY(mutex);
+
+    // Behind the stated fields.
+    UINT32 sleepers GUARDED_BY(mutex);
 
     void init_platform();
     int destroy_platform();

@@ -1,0 +1,49 @@
+// What valgrind has to be told: it knows neither atomic accesses nor cancelled waits.
+//
+// The requests are instructions that do nothing anywhere else. They are compiled in wherever the
+// headers of valgrind are installed.
+#pragma once
+
+#include <pthread.h>
+
+#if __has_include(<valgrind/helgrind.h>)
+#include <valgrind/helgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
+#define VALGRIND_HG_DISABLE_CHECKING(start, length) ((void)(start), (void)(length))
+#define VALGRIND_HG_CLEAN_MEMORY(start, length) ((void)(start), (void)(length))
+#define VALGRIND_HG_MUTEX_LOCK_POST(mutex) ((void)(mutex))
+#define VALGRIND_DO_CLIENT_REQUEST_STMT(request, a, b, c, d, e) ((void)(a), (void)(b))
+#endif
+
+namespace osal {
+
+inline bool under_valgrind() {
+    return RUNNING_ON_VALGRIND != 0;
+}
+
+// To be said of words that are reached by atomic accesses only, before a second thread sees them.
+template <class Word>
+void announce_atomic(Word& word) {
+    VALGRIND_HG_DISABLE_CHECKING(&word, sizeof word);
+}
+template <class... Words>
+void announce_atomics(Words&... words) {
+    (..., announce_atomic(words));
+}
+
+// To be said of a record whose mutex this thread was the last to hold, before it is wiped: the
+// platform still looks at a mutex that it has just given to the next thread.
+template <class Record>
+void announce_end(Record* record) {
+    VALGRIND_HG_CLEAN_MEMORY(record, sizeof *record);
+}
+
+// To be said when a wait is left by cancellation, which takes the mutex again.
+inline void announce_cancelled_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    VALGRIND_HG_MUTEX_LOCK_POST(mutex);
+    VALGRIND_DO_CLIENT_REQUEST_STMT(_VG_USERREQ__HG_PTHREAD_COND_WAIT_POST, condition, mutex, 1, 1,
+                                    0);
+}
+
+}  // namespace osal
