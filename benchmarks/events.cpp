@@ -1,12 +1,16 @@
 // Events against the same thing made of a mutex and a condition: the platform's, and those of other
 // libraries. Waits for one of several events against poll over eventfds.
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
+#include <linux/futex.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "library.h"
@@ -160,6 +164,30 @@ class MadeUpEvent {
     bool set_ = false;
 };
 
+// The same without a mutex: a word, and the kernel only for who sleeps.
+class FutexEvent {
+  public:
+    static constexpr const char* kName = "futex";
+    explicit FutexEvent(PIOsal) {}
+    void set() {
+        if (word_.exchange(kSet) == kSleeping) futex(FUTEX_WAKE_PRIVATE, 1);
+    }
+    void reset() { word_.exchange(kClear); }
+    void wait() {
+        std::uint32_t found = kSet;
+        if (word_.compare_exchange_strong(found, kClear)) return;
+        while (word_.exchange(kSleeping) != kSet)
+            futex(FUTEX_WAIT_PRIVATE, kSleeping);
+    }
+
+  private:
+    static constexpr std::uint32_t kClear = 0, kSet = 1, kSleeping = 2;
+    void futex(int operation, std::uint32_t value) {
+        syscall(SYS_futex, &word_, operation, value, nullptr, nullptr, 0);
+    }
+    std::atomic<std::uint32_t> word_{kClear};
+};
+
 class Event {
   public:
     static constexpr const char* kName = "event services";
@@ -186,6 +214,7 @@ std::vector<Contender> of_each_kind(Arguments&&... arguments) {
     std::vector<Contender> contenders;
     contenders.push_back(Make<MadeUpEvent<Pthread>>::make(arguments...));
     contenders.push_back(Make<Event>::make(arguments...));
+    contenders.push_back(Make<FutexEvent>::make(arguments...));
     contenders.push_back(Make<MadeUpEvent<Standard>>::make(arguments...));
 #ifdef HAVE_GLIB
     contenders.push_back(Make<MadeUpEvent<Glib>>::make(arguments...));

@@ -89,6 +89,14 @@ TEST_P(EventLife, AnEventIsCountedAndSignedAndNotSignalled) {
     statuses.expect_none();
 }
 
+TEST_P(EventLife, WhatIsReservedStaysAsTheHeapGaveIt) {
+    Interpose heap("osal.so", "malloc", &patterned_malloc);
+    osal::Event* event = event_behind(make(KxNotificationEvent));
+    const std::string pattern(sizeof(LIST_ENTRY), static_cast<char>(kHeapByte));
+    EXPECT_EQ(memcmp(&event->Link2, pattern.data(), sizeof event->Link2), 0);
+    EXPECT_EQ(memcmp(&event->waitCount, pattern.data(), sizeof event->waitCount), 0);
+}
+
 TEST_P(EventLife, DestructionWantsAnInstanceAndAnEvent) {
     HANDLE handle = make(KxNotificationEvent);
     Stranger stranger;
@@ -266,22 +274,6 @@ TEST_P(Events, OnlyTheFirstSignalWakes) {
         EXPECT_EQ(one, type == KxSynchronizationEvent ? 1 : 0);
         EXPECT_EQ(all, type == KxNotificationEvent ? 1 : 0);
     }
-}
-
-TEST_P(Events, ASleeperIsNoLongerCountedWhenItHasLeft) NO_THREAD_SAFETY_ANALYSIS {
-    HANDLE handle = make(KxSynchronizationEvent);
-    EXPECT_EQ(wait(handle, 1000), kWaitTimedOut);
-    RawThread waiter([&] { wait(handle, -1); });
-    const auto sleepers = [&]() NO_THREAD_SAFETY_ANALYSIS {
-        pthread_mutex_lock(&event_behind(handle)->mutex.native);
-        const UINT32 count = event_behind(handle)->sleepers;
-        pthread_mutex_unlock(&event_behind(handle)->mutex.native);
-        return count;
-    };
-    EXPECT_TRUE(eventually([&] { return sleepers() == 1; }));
-    waiter.cancel();
-    EXPECT_TRUE(waiter.join());
-    EXPECT_EQ(sleepers(), 0u);
 }
 
 // A registration by hand, as of a waiter on its way to sleep.
@@ -497,17 +489,22 @@ TEST_P(SingleWait, LeavesTheCancellationTypeAsItWas) {
 }
 
 TEST_P(SingleWait, ACancelledWaiterLeavesTheEventUsable) {
-    for (INT64 timeout : {INT64{-1}, kLong}) {
-        HANDLE handle = make(KxSynchronizationEvent);
-        RawThread waiter([&] { wait(handle, timeout); });
-        nap(milliseconds(20));
-        waiter.cancel();
-        EXPECT_TRUE(waiter.join());
-        EXPECT_TRUE(mutex_is_free(handle));
-        EXPECT_FALSE(is_signalled(handle));
-        signal(handle);
-        EXPECT_EQ(wait(handle, 0), KC_OK);
-    }
+    for (int type : {PTHREAD_CANCEL_DEFERRED, PTHREAD_CANCEL_ASYNCHRONOUS})
+        for (INT64 timeout : {INT64{-1}, kLong}) {
+            HANDLE handle = make(KxSynchronizationEvent);
+            RawThread waiter([&] {
+                pthread_setcanceltype(type, nullptr);
+                wait(handle, timeout);
+            });
+            EXPECT_TRUE(eventually([&] { return sleepers(handle) == 1; }));
+            waiter.cancel();
+            EXPECT_TRUE(waiter.join());
+            EXPECT_TRUE(mutex_is_free(handle));
+            EXPECT_EQ(sleepers(handle), 0u);
+            EXPECT_FALSE(is_signalled(handle));
+            signal(handle);
+            EXPECT_EQ(wait(handle, 0), KC_OK);
+        }
     statuses.expect_none();
 }
 
@@ -700,6 +697,50 @@ TEST_P(MultiWait, ATimeOutIsCodeTenAndLeavesNoRegistration) {
         EXPECT_EQ(record->MemoryPagedInUse, 0u);
     }
     EXPECT_EQ(record->MemoryPagedTotalAllocated, 4 * sizeof(osal::Registration));
+}
+
+TEST_P(MultiWait, NegativeTimeOutsExpireAndLeaveNoRegistration) {
+    auto handles = make_all({KxSynchronizationEvent, KxNotificationEvent});
+    for (INT64 timeout : {INT64{-2}, INT64{-3'000'000}, INT64_MIN, INT64_MIN + 1})
+        for (BOOLEAN all : {FALSE, TRUE}) {
+            EXPECT_EQ(wait_several(handles, all, timeout), error(10));
+            expect_built({1, 10});
+            for (HANDLE handle : handles)
+                EXPECT_EQ(registrations(handle), 0u);
+        }
+    EXPECT_EQ(record->MemoryPagedInUse, 0u);
+}
+
+// The last registration of an event.
+osal::Registration* last_registration(HANDLE handle) NO_THREAD_SAFETY_ANALYSIS {
+    return osal::record_of<osal::Registration>(event_behind(handle)->multiWaitList.Blink,
+                                               offsetof(osal::Registration, SingleEntry));
+}
+
+TEST_P(MultiWait, ARegistrationIsUnlinkedAndClearedBeforeItIsFreed) {
+    Quarantine quarantine;
+    const auto handles = make_all({KxSynchronizationEvent, KxSynchronizationEvent});
+    osal::Registration* left[2] = {};
+    ConditionWaits waits([&](pthread_mutex_t* mutex, const timespec*) {
+        for (int i = 0; i < 2; ++i) {
+            left[i] = last_registration(handles[i]);
+            EXPECT_EQ(left[i]->pSingleEvent, handles[i]);
+            EXPECT_NE(left[i]->pMasterEvent, nullptr);
+        }
+        unlocked(mutex, [&] { signal(handles[1]); });
+        return 0;
+    });
+    EXPECT_EQ(wait_any(handles, -1), 1u);  // one is collected, one withdrawn
+    const auto poison = reinterpret_cast<PLIST_ENTRY>(UINT64{0xBAADF00D});
+    for (const osal::Registration* registration : left) {
+        ASSERT_NE(registration, nullptr);
+        for (const LIST_ENTRY& entry : {registration->MasterEntry, registration->SingleEntry}) {
+            EXPECT_EQ(entry.Flink, poison);
+            EXPECT_EQ(entry.Blink, poison);
+        }
+        EXPECT_EQ(registration->pMasterEvent, nullptr);
+        EXPECT_EQ(registration->pSingleEvent, nullptr);
+    }
 }
 
 TEST_P(MultiWait, ATimeOutIsOneEvenIfEventsWereFoundAfterIt) {
@@ -924,7 +965,11 @@ TEST_P(MultiWait, ACancelledWaiterLeavesRegistrationsThatWakeNobody) {
     for (INT64 timeout : {INT64{-1}, kLong})
         for (BOOLEAN all : {FALSE, TRUE}) {
             auto handles = make_all({KxSynchronizationEvent, KxNotificationEvent});
-            RawThread waiter([&] { wait_several(handles, all, timeout); });
+            RawThread waiter([&] {
+                pthread_setcanceltype(all ? PTHREAD_CANCEL_DEFERRED : PTHREAD_CANCEL_ASYNCHRONOUS,
+                                      nullptr);
+                wait_several(handles, all, timeout);
+            });
             EXPECT_TRUE(eventually([&] { return registrations(handles[1]) == 1; }));
             waiter.cancel();
             EXPECT_TRUE(waiter.join());

@@ -184,6 +184,56 @@ TEST_P(LockLife, ALockIsCountedAndSigned) {
     statuses.expect_none();
 }
 
+TEST_P(LockLife, WhatIsReservedStaysAsTheHeapGaveIt) {
+    Interpose heap("osal.so", "malloc", &patterned_malloc);
+    const std::string pattern(2 * sizeof(LIST_ENTRY), static_cast<char>(kHeapByte));
+    for (auto& kind : kinds()) {
+        HANDLE handle = nullptr;
+        ASSERT_EQ(kind.alloc(osal, &handle), KC_OK);
+        EXPECT_EQ(memcmp(handle, pattern.data(), pattern.size()), 0) << kind.signature;
+        if (kind.signature == std::string("LOCK")) {
+            EXPECT_EQ(memcmp(&behind<_KX_LOCK_HANDLE_>(handle)->threadId, pattern.data(),
+                             sizeof(pthread_t)),
+                      0);
+        }
+        EXPECT_EQ(kind.destroy(osal, handle), KC_OK);
+    }
+}
+
+// Whoever releases touches nothing that the next owner may have freed.
+TEST_P(LockLife, ALockMayBeDestroyedByItsNextOwner) {
+    const auto pair_of = [this](int kind, HANDLE lock, KCSPIN_STATE* state, bool take) {
+        if (kind == 0)
+            return take ? CALL(KxAcquireMutex)(osal, lock) : CALL(KxReleaseMutex)(osal, lock);
+        if (kind == 2)
+            return take ? CALL(KxAcquireSpinLock)(osal, lock, state)
+                        : CALL(KxReleaseSpinLock)(osal, lock, *state);
+        return take ? CALL(KxAcquireLockForWriteAccess)(osal, lock, TRUE)
+                    : CALL(KxReleaseReadWriteLock)(osal, lock);
+    };
+    const auto all = kinds();
+    for (int round = 0; round < 150; ++round) {
+        const int kind = round % 3;
+        HANDLE lock = nullptr;
+        KCSPIN_STATE state;
+        ASSERT_EQ(all[kind].alloc(osal, &lock), KC_OK);
+        ASSERT_EQ(pair_of(kind, lock, &state, true), KC_OK);
+        std::atomic<bool> coming = false;
+        RawThread next([&] {
+            KCSPIN_STATE own_state;
+            coming = true;
+            EXPECT_EQ(pair_of(kind, lock, &own_state, true), KC_OK);
+            EXPECT_EQ(pair_of(kind, lock, &own_state, false), KC_OK);
+            EXPECT_EQ(all[kind].destroy(osal, lock), KC_OK);
+        });
+        while (!coming)
+            std::this_thread::yield();
+        EXPECT_EQ(pair_of(kind, lock, &state, false), KC_OK);
+    }
+    for (auto& kind : all)
+        EXPECT_EQ(kind.in_use, 0u);
+}
+
 TEST_P(LockLife, DestructionWantsAnInstanceAndALockOfTheKind) {
     Quarantine quarantine;
     StatusRecorder statuses;
@@ -342,6 +392,7 @@ TEST_P(ReadWriteLock, AWriteTryOnALockHeldForReadingIsRefusedAtOnce) {
         << "nor is a reader made the writer";
     statuses.expect_one(0x1002, "sync", "KxAcquireLockForWriteAccess");
     EXPECT_EQ(CALL(KxReleaseReadWriteLock)(osal, lock), KC_OK);
+    EXPECT_EQ(CALL(KxReleaseReadWriteLock)(osal, lock), kNobodyHolds) << "tries are not counted";
 }
 
 TEST_P(ReadWriteLock, AReadTryOnALockHeldForWritingIsRefusedAtOnce) {
@@ -351,6 +402,7 @@ TEST_P(ReadWriteLock, AReadTryOnALockHeldForWritingIsRefusedAtOnce) {
               error(0x1002));
     statuses.expect_one(0x1002, "sync", "KxAcquireLockForReadAccess");
     EXPECT_EQ(CALL(KxReleaseReadWriteLock)(osal, lock), KC_OK);
+    EXPECT_EQ(CALL(KxReleaseReadWriteLock)(osal, lock), kNobodyHolds) << "tries are not counted";
 }
 
 TEST_P(ReadWriteLock, AnyNonZeroWaitFlagWaits) {

@@ -94,9 +94,19 @@ struct Stranger {
 
 TEST_P(Threads, TheRoutineGetsItsOwnHandleAndItsContext) {
     Script script;
-    script.body = [&](HANDLE self) { CALL(KxExitThread)(osal, self, 0, FALSE); };
+    std::atomic<int> detached = -1;
+    script.body = [&](HANDLE self) {
+        pthread_attr_t attr;
+        int state = -1;
+        pthread_getattr_np(pthread_self(), &attr);
+        pthread_attr_getdetachstate(&attr, &state);
+        pthread_attr_destroy(&attr);
+        detached = state;
+        CALL(KxExitThread)(osal, self, 0, FALSE);
+    };
     HANDLE handle = create(script);
     EXPECT_EQ(CALL(KxWaitForThreadExit)(osal, handle, -1), KC_OK);
+    EXPECT_EQ(detached, PTHREAD_CREATE_DETACHED);
     EXPECT_EQ(script.own.load(), handle);
     EXPECT_EQ(memcmp(handle, "THRD", 4), 0);
     later(handle);
@@ -405,7 +415,11 @@ TEST_P(Threads, ARoutineThatIsCancelledStaysCounted) {
 TEST_P(Threads, AThreadCancelledWhileItWaitsLeavesNothingLocked) {
     HANDLE handle = running();
     for (INT64 timeout : {INT64{-1}, INT64{600'000'000}}) {
-        RawThread waiter([&] { CALL(KxWaitForThreadExit)(osal, handle, timeout); });
+        RawThread waiter([&] {
+            pthread_setcanceltype(
+                timeout == -1 ? PTHREAD_CANCEL_DEFERRED : PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+            CALL(KxWaitForThreadExit)(osal, handle, timeout);
+        });
         nap(milliseconds(20));
         waiter.cancel();
         EXPECT_TRUE(waiter.join());
@@ -503,6 +517,13 @@ TEST_P(Threads, ADestroyedRecordIsZeroedAndItsHandleStale) {
     EXPECT_EQ(CALL(KxDestroyThread)(osal, handle), error(3));
     statuses.expect_one(3, "thread", "KxDestroyThread");
     EXPECT_EQ(CALL(KxGetThreadExitStatus)(osal, handle), error(3));
+    statuses.expect_one(3, "thread", "KxGetThreadExitStatus");
+    EXPECT_EQ(CALL(KxWaitForThreadExit)(osal, handle, -1), error(3));
+    statuses.expect_one(3, "thread", "KxWaitForThreadExit");
+    EXPECT_EQ(CALL(KxSetThreadPriority)(osal, handle, 1), error(3));
+    statuses.expect_one(3, "thread", "KxSetThreadPriority");
+    CALL(KxExitThread)(osal, handle, 9, TRUE);  // returns
+    EXPECT_EQ(memcmp(handle, zeroes, sizeof zeroes), 0) << "untouched";
 }
 
 // The exiting thread wakes its waiters after others can see that it has exited.

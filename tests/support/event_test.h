@@ -34,6 +34,15 @@ inline std::size_t registrations(HANDLE handle) NO_THREAD_SAFETY_ANALYSIS {
     return length;
 }
 
+// Threads that sleep on one event.
+inline UINT32 sleepers(HANDLE handle) NO_THREAD_SAFETY_ANALYSIS {
+    osal::Event* event = event_behind(handle);
+    pthread_mutex_lock(&event->mutex.native);
+    const UINT32 count = event->sleepers;
+    pthread_mutex_unlock(&event->mutex.native);
+    return count;
+}
+
 inline bool mutex_is_free(HANDLE handle) {
     pthread_mutex_t* native = &event_behind(handle)->mutex.native;
     return elsewhere([native] {

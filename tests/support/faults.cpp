@@ -1,6 +1,7 @@
 #include "support/faults.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <set>
 #include <vector>
@@ -79,6 +80,11 @@ void HeapLedger::free_hook(void* memory) {
         ledger.erase(memory);
     }
     std::free(memory);
+}
+
+void* patterned_malloc(std::size_t size) {
+    void* memory = std::malloc(size);
+    return memory == nullptr ? nullptr : std::memset(memory, kHeapByte, size);
 }
 
 Quarantine::Quarantine() {
