@@ -2,7 +2,13 @@
 //
 // The library's timer thread is stopped, and the ticks are passed here, so that the sorting in and
 // the firing are measured and not the sleep between two ticks.
+//
+// A timer that comes alone finds nothing of its place in the cache when many are pending. What that
+// alone costs is shown beside it: a bare list whose place needs no finding.
+#include <algorithm>
 #include <random>
+
+#include <pthread.h>
 
 #include "harness.h"
 #include "library.h"
@@ -27,15 +33,17 @@ using bench::Ns;
 
 constexpr std::size_t kBatch = 1000;  // timers armed between two ticks
 constexpr std::uint64_t kHourMs = 3'600'000;
+constexpr std::uint64_t kTickMs = 10;
 
 std::uint64_t fired = 0;
 
-// Time-outs of one to three hours: nothing that is pending comes due.
-std::vector<std::uint64_t> far_timeouts_ms(std::size_t count) {
-    std::mt19937_64 random(1);
+// Time-outs within two hours of each other, so far off that nothing that is pending comes due.
+std::vector<std::uint64_t> far_timeouts_ms(std::size_t count, std::uint64_t least_ms = kHourMs,
+                                           unsigned seed = 1) {
+    std::mt19937_64 random(seed);
     std::vector<std::uint64_t> timeouts(count);
     for (std::uint64_t& timeout : timeouts)
-        timeout = kHourMs + random() % (2 * kHourMs);
+        timeout = least_ms + random() % (2 * kHourMs);
     return timeouts;
 }
 
@@ -48,10 +56,11 @@ const std::vector<std::uint64_t>& batch_timeouts() {
 class OsalTimers {
   public:
     static constexpr const char* kName = "timer services";
-    OsalTimers(PIOsal osal, std::size_t pending) : osal_(osal), timers_(pending + kBatch) {
+    OsalTimers(PIOsal osal, std::size_t pending, std::uint64_t least_ms = kHourMs)
+        : osal_(osal), timers_(pending + kBatch) {
         for (HANDLE& timer : timers_)
             osal->lpVtbl->KxAllocTimer(osal, fire, nullptr, FALSE, &timer);
-        const auto timeouts = far_timeouts_ms(pending);
+        const auto timeouts = far_timeouts_ms(pending, least_ms);
         for (std::size_t i = 0; i < pending; ++i)
             arm(kBatch + i, timeouts[i]);
         OsalServiceTimerQueues();
@@ -211,6 +220,105 @@ void race(bench::Report& report, PIOsal osal, std::size_t pending) {
     report.race("Arm and expire", label, x, expires, {.divide_rounds = 2});
 }
 
+constexpr std::uint64_t kMonthMs = 30 * 24 * kHourMs;
+constexpr std::size_t kPlaces = 1 << 18;  // more than a cache holds
+
+// One timer comes and goes in each tick, at another place among the pending ones each time.
+class LoneTimer {
+  public:
+    LoneTimer(PIOsal osal, std::size_t pending) : timers_(osal, pending, kMonthMs) {}
+
+    void come_and_go(std::uint64_t n) {
+        for (; n != 0; --n) {
+            timers_.arm(0, places_ms_[next_++ % kPlaces] - passed_ms_);
+            timers_.pass_time();
+            passed_ms_ += kTickMs;
+            timers_.cancel(0);
+        }
+    }
+
+  private:
+    OsalTimers timers_;
+    const std::vector<std::uint64_t> places_ms_ = far_timeouts_ms(kPlaces, kMonthMs, 2);
+    std::uint64_t passed_ms_ = 0;
+    std::size_t next_ = 0;
+};
+
+// The least that a list of such records can cost: an entry comes and goes behind a record that is
+// known, but not before the entry before it has gone. The lock is taken as often as the services
+// take theirs: to arm, to pass a tick and to cancel.
+class BareList {
+  public:
+    BareList(PIOsal osal, std::size_t length) : osal_(osal), records_(length) {
+        for (Record*& record : records_)
+            record = new (osal->lpVtbl->KxAllocPagedMemory(osal, sizeof(Record))) Record{};
+        std::mt19937_64 random(1);
+        std::shuffle(records_.begin(), records_.end(), random);
+        for (std::size_t i = 0; i < length; ++i)
+            link(records_[i], records_[(i + 1) % length]);
+        for (Record*& place : places_)
+            place = records_[random() % length];
+    }
+    ~BareList() {
+        for (Record* record : records_)
+            osal_->lpVtbl->KxFreeMemory(osal_, record);
+    }
+    BareList(const BareList&) = delete;
+    BareList& operator=(const BareList&) = delete;
+
+    void come_and_go(std::uint64_t n) {
+        Record entry{};
+        for (std::size_t known = 0; n != 0; --n) {
+            Record* before = places_[next_++ % kPlaces + known];
+            locked([] {});
+            locked([&] {
+                link(&entry, before->next);
+                link(before, &entry);
+                entry.next->delta -= entry.delta;
+            });
+            locked([&] {
+                link(before, entry.next);
+                entry.next->delta += entry.delta;
+            });
+            known = entry.next->delta;  // zero, but that is only known once it is there
+        }
+    }
+
+  private:
+    struct Record {
+        char front[40];
+        Record *next, *previous;
+        std::size_t delta;
+        char back[192];
+    };
+    static void link(Record* before, Record* after) {
+        before->next = after;
+        after->previous = before;
+    }
+    template <class Work>
+    void locked(Work work) {
+        pthread_mutex_lock(&mutex_);
+        work();
+        pthread_mutex_unlock(&mutex_);
+    }
+
+    PIOsal osal_;
+    std::vector<Record*> records_;
+    std::vector<Record*> places_ = std::vector<Record*>(kPlaces);
+    std::size_t next_ = 0;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+void race_alone(bench::Report& report, PIOsal osal, std::size_t pending) {
+    BareList list(osal, pending);
+    LoneTimer timer(osal, pending);
+    report.race("One timer a tick: arm, pass the tick, cancel", bench::count_name(pending),
+                static_cast<double>(pending),
+                {{"bare list, place known", [&](std::uint64_t n) { list.come_and_go(n); }},
+                 {"timer services", [&](std::uint64_t n) { timer.come_and_go(n); }}},
+                {.divide_rounds = 2});
+}
+
 // The tick after many timers were armed at once; the operation is the whole tick.
 void sort_in(bench::Report& report, PIOsal osal, std::size_t count) {
     std::vector<HANDLE> timers(count);
@@ -252,7 +360,9 @@ int main(int argc, char** argv) {
                          {"timers", "Timers", "one timer armed and cancelled, or expired",
                           "A thousand timers are armed between two ticks, whose cost is counted. "
                           "The first column is the library itself. GLib is left out above 10,000 "
-                          "pending timers.",
+                          "pending timers. A timer that comes alone in its tick is beside a bare "
+                          "list of as many records, in which an entry comes and goes at a place "
+                          "that needs no finding: what cannot be helped.",
                           "timers pending"});
 #ifndef HAVE_UV
     report.missing("libuv");
@@ -265,6 +375,8 @@ int main(int argc, char** argv) {
     stop_timer_thread();
     for (std::size_t pending : {1'000, 10'000, 100'000, 1'000'000})
         race(report, osal, pending);
+    for (std::size_t pending : {1'000, 10'000, 100'000, 1'000'000})
+        race_alone(report, osal, pending);
     for (std::size_t count : {1'000, 10'000, 100'000})
         sort_in(report, osal, count);
     return report.finish();

@@ -1,7 +1,9 @@
 // Timers, by export and by slot: tick by tick, with the timer thread stopped.
 #include "osal/timer.h"
 
+#include <cstring>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "osal/internal/atomics.h"
@@ -410,6 +412,8 @@ TEST_P(Timer, ADestroyedTimerIsWiped) {
     Quarantine kept;
     HANDLE timer = noting(1);
     EXPECT_EQ(destroy(timer), KC_OK);
+    const std::string zeroes(sizeof(KX_TIMER_HANDLE), '\0');
+    EXPECT_EQ(memcmp(timer, zeroes.data(), zeroes.size()), 0);
     EXPECT_EQ(destroy(timer), error(3));
     EXPECT_EQ(arm(timer, kTick), error(3));
     EXPECT_EQ(cancel(timer), FALSE);

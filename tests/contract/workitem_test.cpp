@@ -4,8 +4,10 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "osal/internal/atomics.h"
@@ -165,6 +167,20 @@ TEST_P(WorkItem, APriorityAboveTwoIsAnInvalidArgument) {
     EXPECT_EQ(destroy(item), KC_OK);
 }
 
+TEST_P(WorkItem, TheHandleIsCheckedBeforeThePriorityAndThatBeforeTheQueue) {
+    BusyWorkers busy(osal);
+    std::atomic<int> runs = 0;
+    HANDLE item = new_item(count_run, &runs);
+    EXPECT_EQ(schedule(item), KC_OK);
+    StatusRecorder statuses;
+    EXPECT_EQ(CALL(KxScheduleWorkItem)(osal, nullptr, 3), error(3));
+    statuses.expect_one(3, "schedule", "KxScheduleWorkItem");
+    EXPECT_EQ(CALL(KxScheduleWorkItem)(osal, item, 3), error(4));
+    statuses.expect_one(4, "schedule", "KxScheduleWorkItem");
+    EXPECT_EQ(osal::load(g_OsalCurrentWorkItems), 1);
+    EXPECT_EQ(record_of_item(item)->pending, TRUE);
+}
+
 TEST_P(WorkItem, EveryPriorityIsAcceptedAndRuns) {
     for (KX_PRIORITY priority : {KX_PRIORITY_IDLE, KX_PRIORITY_NORMAL, KX_PRIORITY_REALTIME}) {
         std::atomic<int> runs = 0;
@@ -236,6 +252,8 @@ TEST_P(WorkItem, ADestroyedItemIsWiped) {
     std::atomic<int> runs = 0;
     HANDLE item = new_item(count_run, &runs);
     EXPECT_EQ(destroy(item), KC_OK);
+    const std::string zeroes(sizeof(KX_WORK_ITEM_HANDLE), '\0');
+    EXPECT_EQ(memcmp(item, zeroes.data(), zeroes.size()), 0);
     EXPECT_EQ(destroy(item), error(3));
     EXPECT_EQ(schedule(item), error(3));
 }

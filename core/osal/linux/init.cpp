@@ -22,7 +22,7 @@
 
 using namespace osal;
 
-extern "C" {
+OSAL_BEGIN_DECLS
 
 constinit BOOLEAN g_bOsalInitialized = FALSE;
 constinit BOOLEAN g_Unload = FALSE;
@@ -38,7 +38,7 @@ constinit INT32 g_OsalMaxWorkItemThreads = 8;
 constinit INT32 g_OsalNumTimerThreads = 0;
 constinit INT32 g_OsalNumWorkItemThreads = 0;
 
-}  // extern "C"
+OSAL_END_DECLS
 
 namespace {
 
@@ -108,7 +108,7 @@ KCSTATUS create_own_instance() {
 
 }  // namespace
 
-extern "C" {
+OSAL_BEGIN_DECLS
 
 void OsalGetLimits() {
     const INT32 reserved = g_OsalMaxWorkItemThreads + g_OsalMaxTimerThreads;
@@ -195,7 +195,7 @@ HRESULT OsalMapStatusToHresult(KCSTATUS status) {
     }
 }
 
-}  // extern "C"
+OSAL_END_DECLS
 
 namespace osal {
 

@@ -26,7 +26,7 @@
 
 using namespace osal;
 
-extern "C" {
+OSAL_BEGIN_DECLS
 
 constinit Mutex g_OsalTimerQueueMutex = {PTHREAD_MUTEX_INITIALIZER};
 constinit PKX_TIMER_HANDLE g_OsalTimerFeededQueHeadPtr = nullptr;
@@ -36,7 +36,7 @@ constinit PKX_TIMER_HANDLE g_OsalCurrentlyExecutingTimerPtr = nullptr;
 constinit UINT64 g_OsalTimerTickValue = 10'000;
 constinit BOOLEAN g_OsalTimerThreadExit = FALSE;
 
-}  // extern "C"
+OSAL_END_DECLS
 
 namespace {
 

@@ -24,14 +24,14 @@
 
 using namespace osal;
 
-extern "C" {
+OSAL_BEGIN_DECLS
 
 constinit QUEUE_INFO g_OsalWorkItemQueue = {
     FALSE, {PTHREAD_MUTEX_INITIALIZER}, PTHREAD_COND_INITIALIZER, {}};
 constinit WorkItemThreadObj g_OsalWorkItemThreads[kWorkerSlots] = {};
 constinit INT32 g_OsalCurrentWorkItems = 0;
 
-}  // extern "C"
+OSAL_END_DECLS
 
 namespace {
 
