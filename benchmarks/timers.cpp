@@ -9,6 +9,7 @@
 #include <random>
 
 #include <pthread.h>
+#include <time.h>
 
 #include "harness.h"
 #include "library.h"
@@ -319,6 +320,13 @@ void race_alone(bench::Report& report, PIOsal osal, std::size_t pending) {
                 {.divide_rounds = 2});
 }
 
+// A tick of many milliseconds is interrupted on any machine that has something else to do.
+Ns processor_time() {
+    timespec used;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<Ns>(used.tv_sec) * 1e9 + static_cast<Ns>(used.tv_nsec);
+}
+
 // The tick after many timers were armed at once; the operation is the whole tick.
 void sort_in(bench::Report& report, PIOsal osal, std::size_t count) {
     std::vector<HANDLE> timers(count);
@@ -334,9 +342,9 @@ void sort_in(bench::Report& report, PIOsal osal, std::size_t count) {
                       for (; n != 0; --n) {
                           for (std::size_t i = 0; i < count; ++i)
                               osal->lpVtbl->KxScheduleTimer(osal, timers[i], timeouts[i] * 1000);
-                          const Ns begin = bench::now();
+                          const Ns begin = processor_time();
                           OsalServiceTimerQueues();
-                          sum += bench::now() - begin;
+                          sum += processor_time() - begin;
                           for (HANDLE timer : timers)
                               osal->lpVtbl->KxCancelTimer(osal, timer);
                       }
@@ -362,7 +370,8 @@ int main(int argc, char** argv) {
                           "The first column is the library itself. GLib is left out above 10,000 "
                           "pending timers. A timer that comes alone in its tick is beside a bare "
                           "list of as many records, in which an entry comes and goes at a place "
-                          "that needs no finding: what cannot be helped.",
+                          "that needs no finding: what cannot be helped. The tick that sorts in is "
+                          "in processor time.",
                           "timers pending"});
 #ifndef HAVE_UV
     report.missing("libuv");

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "osal/linux/internal/locale.h"
 #include "support/faults.h"
 #include "support/recorders.h"
 #include "support/service_test.h"
@@ -357,6 +358,34 @@ TEST(FailedStart, WithoutMemoryForTheOwnInstanceIsLoggedAndMapped) {
     EXPECT_EQ(g_bOsalInitialized, 0);
     EXPECT_EQ(pIOsal, nullptr);
     EXPECT_EQ(InterfaceCount, 0u);
+}
+
+KCSTATUS build_warning(UINT32, UINT32 facility, UINT32 code, const char*, UINT32, const char*) {
+    return facility << 16 | code;
+}
+
+// A status library that takes the failure for no error: the start ends there all the same, and is
+// not tried again.
+TEST(FailedStart, WithAStatusThatIsNoErrorCountsAsInitialised) {
+    DllStart();
+    void* factory = nullptr;
+    {
+        Interpose memory("osal.so", "calloc", &stand_in_calloc);
+        Interpose statuses("osal.so", "KcStatusBuild_log", &build_warning);
+        LogRecorder log;
+        EXPECT_EQ(get_factory(&factory), KC_S_OK);
+        const auto lines = log.take();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].text, "OsalFactoryCreateInstance failed 7f10005");
+    }
+    EXPECT_EQ(g_bOsalInitialized, 1);
+    EXPECT_EQ(pIOsal, nullptr);
+    EXPECT_EQ(g_pOemCodePage, nullptr);
+    EXPECT_EQ(get_factory(&factory), KC_S_OK);
+    EXPECT_EQ(pIOsal, nullptr);
+    EXPECT_EQ(g_OsalNumTimerThreads, 0);
+    EXPECT_EQ(g_OsalNumWorkItemThreads, 0);
+    DllStop();
 }
 
 // The first heap request of a start is that of the first code page.
