@@ -2,7 +2,7 @@
 // order and keeps no index. After each operation status, handle, opened mode, statistics and the
 // calls of the client's routines must agree.
 //
-// The seed is printed; OSAL_SEED repeats a run, OSAL_OPERATIONS sets its length.
+// The seed is printed; OSAL_TEST_SEED repeats a run, OSAL_TEST_OPERATIONS sets its length.
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -202,7 +202,7 @@ class ObjectModel : public ServiceTest, public testing::WithParamInterface<Confi
     ObjectModel() : shape(GetParam().shape), model(shape) {
         calls = &recorded;
         before = holdings();
-        const char* given = std::getenv("OSAL_SEED");
+        const char* given = std::getenv("OSAL_TEST_SEED");
         const UINT32 seed = given != nullptr ? static_cast<UINT32>(std::strtoul(given, nullptr, 0))
                                              : std::random_device()();
         printf("seed %u\n", seed);
@@ -509,7 +509,7 @@ class ObjectModel : public ServiceTest, public testing::WithParamInterface<Confi
 #endif
 
 void run(UINT32 operations, const std::function<void(UINT32)>& step) {
-    if (const char* given = std::getenv("OSAL_OPERATIONS"))
+    if (const char* given = std::getenv("OSAL_TEST_OPERATIONS"))
         operations = static_cast<UINT32>(std::strtoul(given, nullptr, 0));
     for (UINT32 i = 0; i < operations && !testing::Test::HasFailure(); ++i)
         step(i);
