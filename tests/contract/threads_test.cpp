@@ -6,6 +6,7 @@
 #include <deque>
 
 #include "osal/internal/atomics.h"
+#include "osal/internal/valgrind.h"
 #include "osal/linux/internal/thread.h"
 #include "support/faults.h"
 #include "support/recorders.h"
@@ -34,10 +35,17 @@ void* run_script(HANDLE self, PVOID context) {
     return script;  // ignored
 }
 
+// Waits until no thread counts any more.
+bool all_ended() {
+    const bool ended = eventually([] { return osal::load(g_OsalCurrentThreads) == 0; });
+    osal::announce_acquire(g_OsalCurrentThreads);
+    return ended;
+}
+
 class Threads : public BothWays {
   protected:
     ~Threads() override {
-        EXPECT_TRUE(eventually([] { return osal::load(g_OsalCurrentThreads) == 0; }));
+        EXPECT_TRUE(all_ended());
         for (HANDLE handle : to_destroy_)
             EXPECT_EQ(CALL(KxDestroyThread)(osal, handle), KC_OK);
         EXPECT_EQ(record->MemoryPagedInUse, 0u) << "every record is freed";
@@ -361,7 +369,7 @@ TEST_P(Threads, AThreadMayDestroyItsOwnRecord) {
         Script script;
         script.body = [&](HANDLE self) { CALL(KxExitThread)(osal, self, 1, TRUE); };
         create(script);
-        ASSERT_TRUE(eventually([] { return osal::load(g_OsalCurrentThreads) == 0; }));
+        ASSERT_TRUE(all_ended());
         EXPECT_EQ(osal::load(record->MemoryPagedInUse), 0u);
     }
 }
@@ -536,7 +544,7 @@ TEST_P(Threads, ARecordMayBeDestroyedAsSoonAsItsThreadIsSeenToHaveExited) {
         }
         ASSERT_EQ(CALL(KxGetThreadExitStatus)(osal, handle), 3u);
         ASSERT_EQ(CALL(KxDestroyThread)(osal, handle), KC_OK);
-        ASSERT_TRUE(eventually([] { return osal::load(g_OsalCurrentThreads) == 0; }));
+        ASSERT_TRUE(all_ended());
     }
 }
 

@@ -11,7 +11,8 @@
 #else
 #define RUNNING_ON_VALGRIND 0
 #define VALGRIND_HG_DISABLE_CHECKING(start, length) ((void)(start), (void)(length))
-#define VALGRIND_HG_CLEAN_MEMORY(start, length) ((void)(start), (void)(length))
+#define ANNOTATE_HAPPENS_BEFORE(address) ((void)(address))
+#define ANNOTATE_HAPPENS_AFTER(address) ((void)(address))
 #define VALGRIND_HG_MUTEX_LOCK_POST(mutex) ((void)(mutex))
 #define VALGRIND_DO_CLIENT_REQUEST_STMT(request, a, b, c, d, e) ((void)(a), (void)(b))
 #endif
@@ -22,7 +23,8 @@ inline bool under_valgrind() {
     return RUNNING_ON_VALGRIND != 0;
 }
 
-// To be said of words that are reached by atomic accesses only, before a second thread sees them.
+// To be said of words that are reached by atomic accesses only, and of mutexes, before a second
+// thread sees them: the platform still looks at a mutex that it has just given to the next thread.
 template <class Word>
 void announce_atomic(Word& word) {
     VALGRIND_HG_DISABLE_CHECKING(&word, sizeof word);
@@ -32,11 +34,15 @@ void announce_atomics(Words&... words) {
     (..., announce_atomic(words));
 }
 
-// To be said of a record whose mutex this thread was the last to hold, before it is wiped: the
-// platform still looks at a mutex that it has just given to the next thread.
-template <class Record>
-void announce_end(Record* record) {
-    VALGRIND_HG_CLEAN_MEMORY(record, sizeof *record);
+// To be said before an atomic step after which others may have what this thread had, and by them
+// after they have seen it.
+template <class Word>
+void announce_release(const Word& word) {
+    ANNOTATE_HAPPENS_BEFORE(&word);
+}
+template <class Word>
+void announce_acquire(const Word& word) {
+    ANNOTATE_HAPPENS_AFTER(&word);
 }
 
 // To be said when a wait is left by cancellation, which takes the mutex again.

@@ -55,7 +55,8 @@ void make_instance(OsalObjInfo* instance) {
     instance->Signature = OsalObjInfo::kSignature;
     instance->ProtectionMutex.init();
     instance->ProtectionSpinLock.init();
-    announce_atomics(instance->MemoryNonPagedInUse, instance->MemoryNonPagedTotalAllocated,
+    announce_atomics(instance->ProtectionMutex, instance->ProtectionSpinLock,
+                     instance->MemoryNonPagedInUse, instance->MemoryNonPagedTotalAllocated,
                      instance->MemoryPagedInUse, instance->MemoryPagedTotalAllocated);
     for (auto list : kResourceLists)
         OsalInitializeListHead(&(instance->*list));

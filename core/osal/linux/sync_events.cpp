@@ -48,7 +48,7 @@ void raise(Event* event) REQUIRES(event->mutex) {
 void Event::init_platform() NO_THREAD_SAFETY_ANALYSIS {
     state = 0;
     sleepers = 0;
-    announce_atomics(state);
+    announce_atomics(state, mutex);
     OsalInitializeListHead(&Link);
     OsalInitializeListHead(&multiWaitList);
     pthread_cond_init(&condition, nullptr);

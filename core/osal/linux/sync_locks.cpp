@@ -50,6 +50,7 @@ bool drop_writer(ReadWriteLock* lock) {
 
 void RecursiveMutex::init_platform() {
     const pthread_mutexattr_t recursive = {.__align = PTHREAD_MUTEX_RECURSIVE_NP};
+    announce_atomics(mutex);
     pthread_mutex_init(&mutex, &recursive);
 }
 
@@ -63,7 +64,7 @@ void ReadWriteLock::init_platform() {
     pthread_rwlock_init(&rwLock, &prefer_writers);
     readers = 0;
     writers = 0;
-    announce_atomics(threadId, readers, writers);
+    announce_atomics(threadId, rwLock, readers, writers);
 }
 
 // The platform would destroy a lock that is held and leave its holder without one.
@@ -74,6 +75,7 @@ int ReadWriteLock::destroy_platform() {
 
 void SpinLock::init_platform() {
     const pthread_mutexattr_t plain = {};
+    announce_atomics(spinLock);
     pthread_mutex_init(&spinLock, &plain);
 }
 

@@ -56,7 +56,7 @@ void prepare(Thread* thread, PKX_THREAD_ROUTINE routine, PVOID context) NO_THREA
     thread->status = KC_OK;
     thread->pCallerThreadContext = context;
     thread->ended = FALSE;
-    announce_atomics(thread->pCallerThreadRoutine);
+    announce_atomics(thread->pCallerThreadRoutine, thread->mutex);
     thread->mutex.init();
     pthread_cond_init(&thread->condition, nullptr);
 }
@@ -94,6 +94,7 @@ KCSTATUS announce_return(Thread* thread) {
 }
 
 [[noreturn]] void leave(KCSTATUS status) {
+    announce_release(g_OsalCurrentThreads);
     decrement(g_OsalCurrentThreads);
     pthread_exit(reinterpret_cast<void*>(uintptr_t{status}));
 }
@@ -184,7 +185,6 @@ KCSTATUS KxDestroyThread(PIOsal pThis, HANDLE Handle) {
     pthread_attr_destroy(&thread->attr);
     pthread_cond_destroy(&thread->condition);
     thread->mutex.destroy();
-    announce_end(thread);
     retire_to_pool(pThis, thread);
     return KC_OK;
 }

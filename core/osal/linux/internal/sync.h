@@ -11,7 +11,6 @@
 #include "osal/internal/instance.h"
 #include "osal/internal/mutex.h"
 #include "osal/internal/status.h"
-#include "osal/internal/valgrind.h"
 
 // The records come from the C heap: made by KxAlloc..., freed by KxDestroy... of the same kind.
 // Link and Link2 are part of the records only. Signature never changes while a record lives. Each
@@ -110,7 +109,6 @@ KCSTATUS end_record(PIOsal pThis, HANDLE handle, const char* service = __builtin
         return kSync.fail(KC_CODE_INVALID_HANDLE, service);
     if (record->destroy_platform() != 0) return kSync.fail(KC_CODE_BUSY, service);
     decrement(instance->*Record::kInUse);
-    announce_end(record);
     retire_to_heap(record);
     return KC_OK;
 }
