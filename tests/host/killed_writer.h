@@ -46,6 +46,25 @@ inline int exit_of(pid_t child) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// Runs a writer in a child process and kills it that long after the first number that it
+// acknowledged; returns the last one.
+inline UINT32 last_of_killed(void (*writer)(int acknowledge), useconds_t after_us) {
+    int pipes[2];
+    EXPECT_EQ(pipe(pipes), 0);
+    const pid_t child = fork();
+    if (child == 0) writer(pipes[1]);
+    close(pipes[1]);
+    UINT32 last = 0;
+    EXPECT_EQ(read(pipes[0], &last, sizeof last), static_cast<ssize_t>(sizeof last));
+    usleep(after_us);
+    kill(child, SIGKILL);
+    while (read(pipes[0], &last, sizeof last) == sizeof last) {
+    }
+    close(pipes[0]);
+    EXPECT_EQ(exit_of(child), 128 + SIGKILL);
+    return last;
+}
+
 // Writes values 0, 1, ... and says after each that it was acknowledged.
 [[noreturn]] inline void write_until_killed(int acknowledge) {
     HANDLE key = create("Killed");
@@ -59,20 +78,7 @@ class Durability : public testing::Test {
   protected:
     // Kills a writer after a while; what it had acknowledged must be there, and nothing be torn.
     void kill_a_writer(useconds_t after_us) {
-        int pipes[2];
-        ASSERT_EQ(pipe(pipes), 0);
-        const pid_t child = fork();
-        if (child == 0) write_until_killed(pipes[1]);
-        close(pipes[1]);
-        UINT32 last = 0;
-        ASSERT_EQ(read(pipes[0], &last, sizeof last), static_cast<ssize_t>(sizeof last));
-        usleep(after_us);
-        kill(child, SIGKILL);
-        while (read(pipes[0], &last, sizeof last) == sizeof last) {
-        }
-        close(pipes[0]);
-        EXPECT_EQ(exit_of(child), 128 + SIGKILL);
-        check_values(last);
+        check_values(last_of_killed(write_until_killed, after_us));
     }
 
     // Each of the last 50 values acknowledged, or the one that was being written when it ended.

@@ -359,20 +359,7 @@ class KilledTransaction : public Transaction {
     }
 
     static void kill_a_writer(useconds_t after_us) {
-        int pipes[2];
-        ASSERT_EQ(pipe(pipes), 0);
-        const pid_t child = fork();
-        if (child == 0) commit_until_killed(pipes[1]);
-        close(pipes[1]);
-        UINT32 last = 0;
-        ASSERT_EQ(read(pipes[0], &last, sizeof last), static_cast<ssize_t>(sizeof last));
-        usleep(after_us);
-        kill(child, SIGKILL);
-        while (read(pipes[0], &last, sizeof last) == sizeof last) {
-        }
-        close(pipes[0]);
-        EXPECT_EQ(exit_of(child), 128 + SIGKILL);
-        expect_whole(last);
+        expect_whole(last_of_killed(commit_until_killed, after_us));
     }
 
     static void expect_whole(UINT32 last) {
