@@ -131,8 +131,8 @@ KCSTATUS TsRegSetValueExA(HANDLE hKey, const CHAR* pValueName, UINT32 Reserved, 
 /* Begins one; makes the file if there is none. Code 4: the thread has one already. */
 KCSTATUS TsRegBegin(void);
 
-/* Ends it and keeps what was done. On failure it has ended too, and nothing was kept. Code 1: it was
- * lost. Code 3: the thread has none. */
+/* Ends it and keeps what was done. On failure it has ended too, and nothing was kept. Code 1: it
+ * was lost. Code 3: the thread has none. */
 KCSTATUS TsRegCommit(void);
 
 /* Ends it and takes everything back; handles of keys that it made stay to be closed, every other

@@ -27,7 +27,7 @@ inline bool under_valgrind() {
 // thread sees them: the platform still looks at a mutex that it has just given to the next thread.
 template <class Word>
 void announce_atomic(Word& word) {
-    VALGRIND_HG_DISABLE_CHECKING(&word, sizeof word);
+    VALGRIND_HG_DISABLE_CHECKING(&word, sizeof(Word));
 }
 template <class... Words>
 void announce_atomics(Words&... words) {
