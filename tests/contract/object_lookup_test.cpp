@@ -7,8 +7,35 @@ namespace {
 using Numbers = std::vector<UINT32>;
 void* const kUntouched = reinterpret_cast<void*>(0x5A5A5A5A);
 
+// A client routine that runs under the instance lock keeps others from what the lock guards, not
+// from an object that is there already.
+class LockedInstance {
+  public:
+    // Of CreateObject, OpenObject and CreateObjectByHandle.
+    static KCSTATUS init(PVOID data, PVOID self) {
+        auto* locked = static_cast<LockedInstance*>(self);
+        word_of(data) = 5;
+        locked->inside = true;
+        while (!locked->leave)
+            nap();
+        return KC_OK;
+    }
+    std::atomic<bool> inside = false, leave = false;
+};
+
 class ObjectLookup : public ObjectTest {
   protected:
+    // Asks for an object while another thread is in there, which then leaves: the look-up waits.
+    PVOID reference_behind(LockedInstance& locked, HANDLE handle) {
+        PVOID found = nullptr;
+        EXPECT_TRUE(eventually([&] { return locked.inside.load(); }));
+        RawThread finder([&] { found = reference(handle); });
+        nap(milliseconds(20));
+        EXPECT_FALSE(finder.done());
+        locked.leave = true;
+        finder.join();
+        return found;
+    }
     bool is_locked(PVOID data) {
         const HANDLE lock = osal::object_of(data)->protect.handle;
         const bool taken = elsewhere([&] {
@@ -266,22 +293,6 @@ TEST_P(ObjectLookup, AnUnknownAccessTakesNoLockAndSucceeds) {
     end(data);
 }
 
-// A client routine that runs under the instance lock keeps others from what the lock guards, not
-// from an object that is there already.
-class LockedInstance {
-  public:
-    // Of CreateObject, OpenObject and CreateObjectByHandle.
-    static KCSTATUS init(PVOID data, PVOID self) {
-        auto* locked = static_cast<LockedInstance*>(self);
-        word_of(data) = 5;
-        locked->inside = true;
-        while (!locked->leave)
-            nap();
-        return KC_OK;
-    }
-    std::atomic<bool> inside = false, leave = false;
-};
-
 TEST_P(ObjectLookup, AHandleOfALiveObjectIsGoodWhileTheInstanceIsLocked) {
     start();
     PVOID data = create(1);
@@ -306,17 +317,12 @@ TEST_P(ObjectLookup, AHandleThatIsBeingMadeIsWaitedFor) {
     start();
     const HANDLE handle = handle_from(0x02070001);
     LockedInstance locked;
-    PVOID made = nullptr, found = nullptr;
+    PVOID made = nullptr;
     RawThread maker([&] {
         om.CreateObjectByHandle(info, osal::handle_from(0x02070001), &locked, LockedInstance::init,
                                 0, 0, &made, nullptr);
     });
-    ASSERT_TRUE(eventually([&] { return locked.inside.load(); }));
-    RawThread finder([&] { found = reference(handle); });
-    nap(milliseconds(20));
-    EXPECT_FALSE(finder.done());
-    locked.leave = true;
-    finder.join();
+    const PVOID found = reference_behind(locked, handle);
     maker.join();
     ASSERT_EQ(found, made);
     om.DereferenceObject(info, made, 0);
@@ -328,17 +334,12 @@ TEST_P(ObjectLookup, AReferenceTakenWhileAnObjectIsBeingOpenedIsNotForgotten) {
     PVOID data = allocate(1);
     const HANDLE handle = handle_of(data);
     LockedInstance locked;
-    PVOID opened = nullptr, found = nullptr;
+    PVOID opened = nullptr;
     RawThread opener([&] {
         om.OpenObject(info, &locked, LockedInstance::init, nullptr, nullptr, 0, 0, 0, &opened,
                       nullptr);
     });
-    ASSERT_TRUE(eventually([&] { return locked.inside.load(); }));
-    RawThread finder([&] { found = reference(handle); });
-    nap(milliseconds(20));
-    EXPECT_FALSE(finder.done());
-    locked.leave = true;
-    finder.join();
+    const PVOID found = reference_behind(locked, handle);
     opener.join();
     EXPECT_EQ(found, data);
     EXPECT_EQ(count(data), 2u);

@@ -132,7 +132,7 @@ Step pass_character(FromWide& at) {
 // byte-order mark of either kind.
 template <bool kPage>
 Step pass_mark(FromWide& at) {
-    UCHAR bytes[kEscapeLength];
+    UCHAR bytes[kEscapeLength] = {};
     if (kPage)
         for (; at.in != at.in_end && is_separator(*at.in);)
             if (const Step step = pass_character<kPage>(at); step != Step::kGoOn) return step;
