@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <syslog.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -458,6 +459,26 @@ TEST_F(ForkChild, MayShutDownWhileTheParentHeldTheQueues) {
     pthread_mutex_unlock(&InterfaceMutex.native);
     pthread_mutex_unlock(&g_OsalWorkItemQueue.mutex.native);
     pthread_mutex_unlock(&g_OsalTimerQueueMutex.native);
+}
+
+// A child has threads of its own, and they hold locks like others when one of them forks.
+TEST_F(ForkChild, OfAForkChildFindsTheLocksFreeToo) {
+    EXPECT_TRUE(holds_in_child([] {
+        std::atomic<bool> held = false;
+        std::thread([&] {
+            pthread_mutex_lock(&g_OsalTimerQueueMutex.native);
+            pthread_mutex_lock(&g_OsalWorkItemQueue.mutex.native);
+            pthread_mutex_lock(&InterfaceMutex.native);
+            held = true;
+            pause();
+        }).detach();
+        return eventually([&] { return held.load(); }) && holds_in_child([] {
+                   PIOsal osal = new_instance();
+                   OsalReleaseReference(osal);
+                   DllStop();
+                   return osal != nullptr;
+               });
+    }));
 }
 
 TEST_F(ForkChild, QueuesAreAcceptedButServedByNobody) {

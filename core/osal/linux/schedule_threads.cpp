@@ -18,7 +18,8 @@ constexpr pthread_t kNone = 0;
 // The thread that left last, not joined yet.
 constinit std::atomic<pthread_t> last_to_leave{kNone};
 
-// The process that library threads were started in; 0 if none were.
+// The process that library threads were started in, or the fork child that was last told of its
+// parent's; 0 if none were started.
 constinit std::atomic<pid_t> home{0};
 
 void join(pthread_t thread) {
@@ -65,9 +66,9 @@ void join_library_threads() {
 }
 
 bool forget_threads_of_parent() {
-    const pid_t started_in = home.load();
-    if (started_in == 0 || started_in == getpid()) return false;
-    home.store(0);
+    const pid_t last_home = home.load();
+    if (last_home == 0 || last_home == getpid()) return false;
+    home.store(getpid());  // a child of this child is one as well
     last_to_leave.store(kNone);
     return true;
 }

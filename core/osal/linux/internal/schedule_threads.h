@@ -26,8 +26,8 @@ void enter_library_thread(const char* name);
 // Returns when every thread that left has ended. Caller has seen the counts at zero.
 void join_library_threads();
 
-// Whether this process is a fork child of the one that started library threads, which did not come
-// along. If so it owes them nothing from now on.
+// Whether this process is a fork child, at any remove, of the one that started library threads,
+// which did not come along, and was not told yet. If so it owes them nothing from now on.
 bool forget_threads_of_parent();
 
 }  // namespace osal
