@@ -159,6 +159,7 @@ KCSTATUS InternalInitialize(pObjectInfo pThis, UINT32 objectSize, UINT16 objects
                             PKX_OBJECT_ROUTINE pDeleteRoutine,
                             PKX_OBJECT_ROUTINE pDeallocateRoutine, PKX_OBJECT_ROUTINE,
                             UINT32 permBlocks) {
+    if (pThis == nullptr) return fail_initialize(KC_CODE_INVALID_ARGUMENT, 132);
     if (usable(pThis) != nullptr) return fail_initialize(KC_CODE_CORRUPT, 88);
     start_record(pThis, (accessLevel & kDeferredBits) != 0);
     UINT32 level = accessLevel & ~kDeferredBits;

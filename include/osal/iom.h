@@ -59,42 +59,67 @@ enum { KX_OBJECT_NO_ACCESS = 0, KX_OBJECT_EXCLUSIVE = 1, KX_OBJECT_SHARED = 2 };
 enum { KX_OBJECT_CREATED = 1, KX_OBJECT_OPENED = 2 };
 
 /* Both interfaces of an instance, one at a time: asking it for the other version switches the table
- * for every holder. They differ in the form of a handle only; that of the second is scrambled by
- * an instance-wide number.
+ * for every holder. They differ in the form of a handle only; that of the second is scrambled by a
+ * number of the library's.
  *
- * QueryInterface  IID_IUnknown leaves the table as it is. Null pThis or ppInterface: code 4.
- * Another identifier: *ppInterface null, code 2. AddRef, Release Return the new count. The Release
- * that ends at 0 deletes every object and frees the instance once the last reference of its objects
- * was given back. Initialize      objectSize bytes of data an object, 1..255 objects to a block,
- * hashSize buckets (0: one), permBlocks blocks made at once and kept when empty. Code 0x1001: done
- *                 before. Code 4: more than 255, or a level that is not one. Code 5: no memory or
- * no lock. After codes 4 and 5 the instance can only be released. CreateObject    Finds an object
- * in the bucket by the compare routine, or creates one in a free slot. Takes createAccess or
- * openAccess. Code 5: no block, no lock. DeleteObject    Takes an object out of every lookup and
- * drops the caller's reference; gives up the lock that accessType says. Deleting again only drops a
- * reference. Code 0x1004: the instance went with its last object. ReferenceObjectByHandle  Code 3:
- * stale or unknown handle, or the object is being deleted. DereferenceObject  Drops a reference,
- * after the lock that accessType says. EnumerateObjects   One object a call, in the order of their
- * handles' blocks and slots; *pscanHandle is 0 for the first and kept by the caller. Preallocated
- * objects are met too; with access, one is waited for until it is opened. Code 9: no more.
- * GetObjectHandle, GetRawObjectHandle  Write the low 32 bits of *phandle and leave the upper ones.
- * FindObject      First object of the bucket that the compare routine accepts (null: any). Code 11:
- *                 none, or it is being deleted. With access, waits until the object's creation has
- *                 ended; one made by CreateObjectByHandle never gets there.
- * AcquireObject, ReleaseObject  The object's lock. AcquireObject succeeds without taking a lock for
- *                 an accessType that is neither 1 nor 2 of an instance with read/write locks.
- * IncrementReference  Adds a reference to one that the caller holds already.
- * DecrementReference  DereferenceObject with no lock held.
- * CreateObjectByHandle  Creates the object of a (raw) handle, or references the one in its slot,
- *                 whose handle it then becomes. Only with one bucket (else code 4). Code 3: no such
- *                 slot, or its object is being freed. Code 5: block 0, no block, no lock.
- *                 *pOpenedMode is 0 after a failure.
- * AllocateObject  Makes a preallocated object, found by handle and enumeration only until
- * OpenObject takes it. Code 5: no block, no lock. DeallocateObject  As DeleteObject, but the object
- * ends as a preallocated one. OpenObject      As CreateObject, but a new object is a preallocated
- * one. References that enumerations hold on it are forgotten. Code 0x1003: none left.
- * GetObjectStats  Slots in all blocks; objects in use, without and with being preallocated. Each
- *                 pointer may be null.
+ * QueryInterface: adds a reference. IID_IUnknown leaves the table as it is. Null pThis or
+ * ppInterface: code 4. Another identifier: code 2, and *ppInterface is null.
+ *
+ * AddRef, Release: return the new count. The Release that ends at 0 deletes every object, and frees
+ * the instance once the last reference of its objects was given back.
+ *
+ * Initialize: objectSize bytes of data an object; 1 to 255 objects to a block; accessLevel a level,
+ * with KX_OBJECT_DEFERRED or without; hashSize buckets (0: one); permBlocks blocks that are made at
+ * once and kept when empty. Any of the routines may be null; the debug routine is ignored. Code
+ * 0x1001: done before. Code 4: null pThis, more than 255 objects, or a level that is none. Code 5:
+ * no memory or no lock. After codes 4 and 5 the instance can only be released.
+ *
+ * CreateObject: finds an object in bucket CompareIndex by the compare routine (null: finds none),
+ * or creates one in a free slot, with one reference for the caller. It is held with createAccess or
+ * openAccess; *pOpenedMode, unless null, says which. Code 4: no such bucket as well. Code 5: no
+ * block, no lock.
+ *
+ * CreateObjectByHandle: creates the object of a (raw) handle, or references the one in its slot,
+ * whose handle it then becomes. Only with one bucket, else code 4. Code 3: no such slot, or its
+ * object is being freed. Code 5: block 0, no block, no lock. *pOpenedMode is 0 after a failure.
+ *
+ * AllocateObject: makes a preallocated object with one reference, which is found by handle and
+ * enumeration only until OpenObject takes it. Code 5: no block, no lock.
+ *
+ * OpenObject: as CreateObject, but a new object is the oldest preallocated one. References that
+ * others hold on that are forgotten. Code 0x1003: none is left.
+ *
+ * DeleteObject: takes an object out of every lookup and drops a reference of the caller's, after
+ * giving up the lock that accessType says. Deleting again only drops a reference. Code 0x1004: the
+ * instance went with its last object.
+ *
+ * DeallocateObject: the same, but the object ends as a preallocated one.
+ *
+ * ReferenceObjectByHandle: code 3 for a stale or unknown handle, or if the object is being deleted;
+ * *ppUserData may have been written in the latter case.
+ *
+ * FindObject: the first object of the bucket that the compare routine accepts (null: any). Code 11:
+ * there is none, or it is being deleted. With access, waits until the object's creation has ended;
+ * one made by CreateObjectByHandle never gets there.
+ *
+ * EnumerateObjects: one object a call, in the order of their handles' blocks and slots.
+ * *pscanHandle is 0 for the first and kept by the caller. Preallocated objects are met too; with
+ * access, one is waited for until it is opened. Code 9: no more.
+ *
+ * GetObjectHandle, GetRawObjectHandle: write the low 32 bits of *phandle and leave the upper ones.
+ *
+ * AcquireObject, ReleaseObject: the object's lock. AcquireObject succeeds without taking it for an
+ * accessType that is neither 1 nor 2 of an instance with read/write locks.
+ *
+ * IncrementReference: adds a reference to one that the caller holds already.
+ *
+ * DereferenceObject: drops a reference, after the lock that accessType says. Succeeds also if the
+ * instance goes with it.
+ *
+ * DecrementReference: DereferenceObject with no lock held.
+ *
+ * GetObjectStats: the slots of all blocks; the objects in use that are not preallocated; the
+ * preallocated ones. Each pointer may be null.
  */
 #define OSAL_TABLE_FIELD(number, field, function, result, arguments) result(*field) arguments;
 typedef struct IOMVtbl {

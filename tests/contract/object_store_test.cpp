@@ -42,6 +42,11 @@ TEST_P(ObjectStore, ASecondInitialisationIsRefused) {
     expect_built(0x1001, "../objint", "InternalInitialize", 88);
 }
 
+TEST_P(ObjectStore, InitialisingNoInstanceIsAnInvalidArgument) {
+    EXPECT_EQ(om.Initialize(nullptr, 8, 1, 0, 1, nullptr, nullptr, nullptr, 0), object_error(4));
+    expect_built(4, "../objint", "InternalInitialize", 132);
+}
+
 TEST_P(ObjectStore, AFailedInitialisationCannotBeRepeated) {
     EXPECT_EQ(initialize({.level = 1}), object_error(4));
     expect_built(4, "../objint", "InternalInitialize", 132);
