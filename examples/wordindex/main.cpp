@@ -15,6 +15,7 @@
 #include "report.h"
 #include "settings.h"
 #include "statistics.h"
+#include "text.h"
 #include "walk.h"
 
 namespace wordindex {
@@ -28,7 +29,7 @@ void count(const Client& client, Job& job, bool with_progress) {
 
 void complain(const std::vector<Unreadable>& unreadable) {
     for (const auto& [path, error] : unreadable)
-        fprintf(stderr, "wordindex: %s: %s\n", path.c_str(), strerror(error));
+        fprintf(stderr, "wordindex: %s: %s\n", printable(path).c_str(), strerror(error));
 }
 
 // A terminal that can wipe a line, of a person who looks at it.

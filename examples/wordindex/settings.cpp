@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "registry_key.h"
+#include "text.h"
 
 namespace wordindex {
 namespace {
@@ -37,7 +38,7 @@ std::optional<std::string> folder_in(const RegistryKey& key) {
     const std::optional<std::string> folder = key.text(u"Folder");
     std::error_code unused;
     if (folder && !std::filesystem::is_directory(*folder, unused))
-        throw Failure("the folder of the last run is gone: " + *folder);
+        throw Failure("the folder of the last run is gone: " + printable(*folder));
     return folder;
 }
 

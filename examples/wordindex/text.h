@@ -1,5 +1,5 @@
 // Between 16-bit text and that of the OEM code page, which is the terminal's and that of file
-// names.
+// names; and what of a file name a terminal may be sent.
 #pragma once
 
 #include <string>
@@ -17,5 +17,9 @@ std::string to_oem(const Client& client, WideText text);
 
 // Ended by a zero. Fails for bytes that are no text of the page.
 std::vector<WCHAR> from_oem(const Client& client, const std::string& text);
+
+// The control characters of ASCII, and those above it in UTF-8, come as escapes: a file name may
+// hold anything.
+std::string printable(std::string_view text);
 
 }  // namespace wordindex
