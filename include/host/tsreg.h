@@ -123,10 +123,11 @@ KCSTATUS TsRegSetValueExA(HANDLE hKey, const CHAR* pValueName, UINT32 Reserved, 
  * the process in between. Between TsRegBegin and TsRegCommit or TsRegRollback the thread sees what
  * it did so far; other threads of the process wait at their next call, other processes see nothing
  * of it and wait if they write. The thread must end its transaction, and stays uncancellable until
- * then. A call that fails changes nothing and leaves the rest of the transaction as it is, but
- * trouble with the file may lose it, and so does a fork by the thread: nothing of a lost
- * transaction is kept, every call but TsRegCloseKey is code 1 without a log line, and it is still
- * to be ended, after a fork on both sides. */
+ * then: if it ends first, it takes the lock of the library with it, and every other thread of the
+ * process that calls here or forks waits for ever. A call that fails changes nothing and leaves the
+ * rest of the transaction as it is, but trouble with the file may lose it, and so does a fork by
+ * the thread: nothing of a lost transaction is kept, every call but TsRegCloseKey is code 1 without
+ * a log line, and it is still to be ended, after a fork on both sides. */
 
 /* Begins one; makes the file if there is none. Code 4: the thread has one already. */
 KCSTATUS TsRegBegin(void);
