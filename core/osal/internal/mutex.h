@@ -16,14 +16,22 @@ struct CAPABILITY("mutex") Mutex {
     int init();     // platform result; for mutexes inside records
     int destroy();  // platform result
     void lock() ACQUIRE();
+    // Pauses for longer and longer before it sleeps, some 20 microseconds in all. Whoever holds the
+    // mutex for a short turn after the other then keeps it, with the memory that it guards, in its
+    // core's cache, instead of handing both over after each turn.
+    void lock_patiently() ACQUIRE();
     void unlock() RELEASE();
 };
 static_assert(sizeof(Mutex) == sizeof(pthread_mutex_t));
+
+struct Patiently {};
+constexpr Patiently kPatiently;
 
 // Holds a mutex for a scope. Its destructor also runs when a thread is cancelled or exits inside.
 class SCOPED_CAPABILITY Lock {
   public:
     explicit Lock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    Lock(Mutex& mutex, Patiently) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock_patiently(); }
     ~Lock() RELEASE() { mutex_.unlock(); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;

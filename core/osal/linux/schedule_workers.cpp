@@ -99,10 +99,15 @@ void signal(Worker* worker) {
     if (worker != nullptr) pthread_cond_signal(&worker->condition);
 }
 
+// Changed under the mutex only, so that no interlocked operation is needed.
+void count_items(INT32 change) REQUIRES(queue.mutex) {
+    store(g_OsalCurrentWorkItems, load(g_OsalCurrentWorkItems, std::memory_order_relaxed) + change);
+}
+
 void append(WorkItem* item) REQUIRES(queue.mutex) {
     store(item->pending, TRUE);
     OsalInsertTailList(&queue.listHead, &item->schedQueue);
-    increment(g_OsalCurrentWorkItems);
+    count_items(1);
 }
 
 // False if the item is queued already.
@@ -130,17 +135,17 @@ bool await_item(Worker& worker) REQUIRES(queue.mutex) {
 }
 
 WorkItem* pop_oldest() REQUIRES(queue.mutex) {
-    decrement(g_OsalCurrentWorkItems);
+    count_items(-1);
     return record_of<WorkItem>(OsalRemoveHeadList(&queue.listHead), offsetof(WorkItem, schedQueue));
 }
 
 // The oldest item, once there is one; null if the worker is to end, with whatever is queued left
-// there.
+// there. Those who queue items come first.
 WorkItem* take_item(Worker& worker) {
     Worker* next;
     WorkItem* item;
     {
-        Lock lock(queue.mutex);
+        Lock lock(queue.mutex, kPatiently);
         if (!await_item(worker)) return nullptr;
         item = pop_oldest();
         next = pass_on();
