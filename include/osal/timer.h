@@ -1,4 +1,5 @@
-/* One-shot timers, run by one thread of the library that ticks every 10 milliseconds.
+/* One-shot timers, run by one thread of the library that ticks every 10 milliseconds while a timer
+ * is armed, and rests while none is.
  *
  * Routines run on that thread, one after the other: a slow one delays every later timer. They run
  * with all signals blocked but those of a fault. A routine must return: it may neither end its
@@ -28,9 +29,9 @@ OSAL_BEGIN_DECLS
 KCSTATUS KxAllocTimer(PIOsal pThis, PKX_TIMER_ROUTINE pTimerRoutine, PVOID pContext,
                       BOOLEAN bDispatchLevel, PHANDLE pHandle);
 
-/* Arms a timer: its routine runs once, Timeout microseconds from the next tick on. A remainder
- * shorter than a tick is dropped, and less than a tick counts as one; the number of ticks is cut to
- * 32 bits. Of two timers due in one tick the one armed first fires first, but the one armed later
+/* Arms a timer: its routine runs once, in the n-th tick from now, which may be up to a tick less
+ * than Timeout microseconds away. n is Timeout in whole ticks: a remainder shorter than a tick is
+ * dropped, less than a tick counts as one, and the number is cut to 32 bits. Of two timers due in one tick the one armed first fires first, but the one armed later
  * if both were armed within one tick. A timer that fired or was cancelled may be armed again, from
  * its own routine too.
  *

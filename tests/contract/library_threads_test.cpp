@@ -112,6 +112,76 @@ TEST_F(LibraryThread, FiresNoEarlierThanItsTimeoutLessTheRunningTickUnlessTicksA
     EXPECT_EQ(KxDestroyTimer(osal, timer), KC_OK);
 }
 
+// --- the timer thread's rest
+
+std::atomic<int> sleeps;
+decltype(&nanosleep) real_nanosleep;
+
+int count_sleep(const timespec* request, timespec* remainder) {
+    ++sleeps;
+    return real_nanosleep(request, remainder);
+}
+
+class RestOfTheTimerThread : public LibraryThread {
+  protected:
+    RestOfTheTimerThread() : hook_("osal.so", "nanosleep", count_sleep) {
+        real_nanosleep = hook_.original_as<decltype(nanosleep)>();
+        EXPECT_EQ(KxAllocTimer(osal, count_up, &fired_, FALSE, &timer_), KC_OK);
+    }
+    ~RestOfTheTimerThread() override { EXPECT_EQ(KxDestroyTimer(osal, timer_), KC_OK); }
+
+    static void* count_up(HANDLE, void* fired) {
+        ++*static_cast<std::atomic<int>*>(fired);
+        return nullptr;
+    }
+    static bool sleepless_for_ten_ticks() {
+        const int before = sleeps;
+        std::this_thread::sleep_for(milliseconds(100));
+        return sleeps == before;
+    }
+    // The thread may be in its last sleep when this is called.
+    static void expect_rest() { EXPECT_TRUE(eventually(sleepless_for_ten_ticks)); }
+
+    Interpose hook_;
+    HANDLE timer_ = nullptr;
+    std::atomic<int> fired_ = 0;
+};
+
+TEST_F(RestOfTheTimerThread, LastsWhileNothingIsArmed) {
+    expect_rest();
+}
+
+TEST_F(RestOfTheTimerThread, EndsWhenATimerIsArmedAndBeginsAgainWhenItHasFired) {
+    for (int round = 1; round <= 3; ++round) {
+        expect_rest();
+        const int before = sleeps;
+        EXPECT_EQ(KxScheduleTimer(osal, timer_, 30'000), KC_OK);
+        EXPECT_TRUE(eventually([&] { return fired_ == round; }));
+        EXPECT_GT(sleeps, before);
+    }
+    expect_rest();
+}
+
+TEST_F(RestOfTheTimerThread, BeginsAgainWhenTheTimerIsCancelled) {
+    EXPECT_EQ(KxScheduleTimer(osal, timer_, 3'600'000'000), KC_OK);
+    EXPECT_TRUE(eventually([before = sleeps.load()] { return sleeps > before + 2; }));
+    EXPECT_TRUE(KxCancelTimer(osal, timer_));
+    expect_rest();
+}
+
+TEST_F(RestOfTheTimerThread, DoesNotHoldUpItsEnd) {
+    expect_rest();
+    UnInitTimerInfrastructure();
+    EXPECT_TRUE(eventually([] { return osal::load(g_OsalNumTimerThreads) == 0; }));
+}
+
+TEST_F(RestOfTheTimerThread, IsNeverMissedByWhoeverArms) {
+    for (int round = 1; round <= 200; ++round) {
+        EXPECT_EQ(KxScheduleTimer(osal, timer_, 0), KC_OK);
+        ASSERT_TRUE(eventually([&] { return fired_ == round; }));
+    }
+}
+
 // --- starts that fail half-way
 
 pthread_mutex_t* refused_mutex;

@@ -10,8 +10,14 @@
 // Lock: g_OsalTimerQueueMutex guards both queues, the index, now, and the timers' fields. No
 // routine runs under it, and no other lock is taken inside.
 //
-// Threads: the timer thread, which runs every routine.
+// Threads: the timer thread, which runs every routine. It ticks while a timer is armed and rests
+// while none is: nobody can tell whether ticks without timers pass, and a hundred wake-ups a second
+// are what an idle library would cost.
 #include "osal/timer.h"
+
+#include <semaphore.h>
+
+#include <utility>
 
 #include "osal/debug.h"
 #include "osal/internal/atomics.h"
@@ -44,6 +50,10 @@ constexpr Module kModule{KC_FACILITY_OSAL, "schedule"};
 
 // Advances with the delta of the queue's head only: while the queue is empty it stands still.
 constinit UINT64 now GUARDED_BY(g_OsalTimerQueueMutex) = 0;
+
+// The thread rests, or is about to, until rest_over is posted. A post too many costs it a turn.
+constinit bool resting GUARDED_BY(g_OsalTimerQueueMutex) = false;
+constinit sem_t rest_over = {};
 
 // A timer that is due, with what is needed of it: its record may be gone once its routine runs.
 struct Due {
@@ -143,14 +153,35 @@ UINT32 sleep_a_tick() {
     return ticks_between(start_100ns, stop_100ns);
 }
 
-// False if the timer is armed already.
-bool arm(Timer* timer, UINT64 timeout_us) {
+bool begin_rest() {
     Lock lock(g_OsalTimerQueueMutex);
-    if (load(timer->timerState) == kArmed) return false;
+    return resting = g_OsalCurrentTimers == 0;
+}
+
+// Returns the ticks that passed.
+UINT32 rest_or_sleep() {
+    if (!begin_rest()) return sleep_a_tick();
+    sem_wait(&rest_over);
+    return 0;
+}
+
+void feed(Timer* timer, UINT64 timeout_us) REQUIRES(g_OsalTimerQueueMutex) {
     store<UINT32>(timer->timerState, kArmed);
     timer->timeOutValue = static_cast<UINT32>(timeout_us / g_OsalTimerTickValue);
     if (timer->timeOutValue == 0) timer->timeOutValue = 1;
     OsalAddToTimerFeederQue(timer);
+}
+
+// False if the timer is armed already.
+bool arm(Timer* timer, UINT64 timeout_us) {
+    bool rested;
+    {
+        Lock lock(g_OsalTimerQueueMutex);
+        if (load(timer->timerState) == kArmed) return false;
+        feed(timer, timeout_us);
+        rested = std::exchange(resting, false);
+    }
+    if (rested) sem_post(&rest_over);
     return true;
 }
 
@@ -235,7 +266,7 @@ void* OsalTimerThread(void*) {
     UINT32 elapsed = 0;
     while (!load(g_OsalTimerThreadExit)) {
         service_ticks(elapsed);
-        elapsed = sleep_a_tick();
+        elapsed = rest_or_sleep();
     }
     leave_library_thread(g_OsalNumTimerThreads);
 }
@@ -243,6 +274,7 @@ void* OsalTimerThread(void*) {
 // Contract: only a negative result counts as a failure, and the platform's error numbers are
 // positive.
 int InitTimerInfrastructure() {
+    sem_init(&rest_over, 0, 0);
     return g_OsalTimerQueueMutex.init() < 0 ? -1 : 0;
 }
 
@@ -254,6 +286,7 @@ void StartTimerInfrastructure() {
 
 void UnInitTimerInfrastructure() {
     store(g_OsalTimerThreadExit, TRUE);
+    sem_post(&rest_over);
 }
 
 KCSTATUS KxAllocTimer(PIOsal pThis, PKX_TIMER_ROUTINE pTimerRoutine, PVOID pContext, BOOLEAN,
