@@ -29,10 +29,13 @@ BOOLEAN same_number(PVOID data, PVOID number) {
     return static_cast<Payload*>(data)->number == *static_cast<UINT64*>(number);
 }
 
+// What a client names an object by.
+using Name = UINT32;
+
 class Manager {
   public:
     Manager(UINT16 per_block, std::size_t count)
-        : handles(count, nullptr), buckets_(static_cast<UINT32>(count / kInBucket)) {
+        : names(count), buckets_(static_cast<UINT32>(count / kInBucket)) {
         void* factory = nullptr;
         DllGetClassObject(&CLSID_ObjectManagerDataStore, &IID_IClassFactory, &factory);
         auto* classes = static_cast<LCM_IClassFactory*>(factory);
@@ -43,13 +46,16 @@ class Manager {
         slots_ = om_->lpVtbl;
         slots_->Initialize(om_, kSize, per_block, KX_OBJECT_LEVEL_LOCK, buckets_, nullptr, nullptr,
                            nullptr, 0);
-        for (std::size_t i = 0; i < count; ++i)
-            slots_->GetObjectHandle(om_, create(i), &handles[i]);
+        for (std::size_t i = 0; i < count; ++i) {
+            HANDLE handle = nullptr;
+            slots_->GetObjectHandle(om_, create(i), &handle);
+            names[i] = static_cast<Name>(reinterpret_cast<std::uintptr_t>(handle));
+        }
     }
     ~Manager() {
-        for (HANDLE handle : handles) {
+        for (Name name : names) {
             PVOID data;
-            slots_->ReferenceObjectByHandle(om_, handle, 0, &data);
+            slots_->ReferenceObjectByHandle(om_, handle_of(name), 0, &data);
             slots_->DereferenceObject(om_, data, 0);
             slots_->DeleteObject(om_, data, 0);
         }
@@ -66,9 +72,9 @@ class Manager {
         return data;
     }
     void end(PVOID data) { slots_->DeleteObject(om_, data, 0); }
-    void touch(std::size_t number) {
+    void touch(Name name) {
         PVOID data;
-        slots_->ReferenceObjectByHandle(om_, handles[number], 0, &data);
+        slots_->ReferenceObjectByHandle(om_, handle_of(name), 0, &data);
         slots_->DereferenceObject(om_, data, 0);
     }
     void find(UINT64 number) {
@@ -85,9 +91,11 @@ class Manager {
             scan = nullptr;
     }
 
-    std::vector<HANDLE> handles;
+    std::vector<Name> names;  // of each object
 
   private:
+    static HANDLE handle_of(Name name) { return reinterpret_cast<HANDLE>(std::uintptr_t{name}); }
+
     UINT32 buckets_;
     IOM* om_;
     const IOMVtbl* slots_;
@@ -120,7 +128,7 @@ class SlotMap {
         std::unique_lock lock(mutex_);
         free_.push_back(static_cast<UINT32>(place));
     }
-    void touch(std::size_t number) { --reference(number)->count; }
+    void touch(Name place) { --reference(place)->count; }
     void find(UINT64 number) {
         std::shared_lock lock(mutex_);
         UINT32 place = heads_[number % heads_.size()];
@@ -131,7 +139,7 @@ class SlotMap {
         --slots_[place].count;
     }
     void step(std::size_t& position) {
-        touch(position);
+        touch(static_cast<Name>(position));
         position = position + 1 < count_ ? position + 1 : 0;
     }
 
@@ -143,10 +151,10 @@ class SlotMap {
         UINT32 next = kNone;
         Payload payload;
     };
-    Slot* reference(std::size_t number) {
+    Slot* reference(Name place) {
         std::shared_lock lock(mutex_);
-        ++slots_[number].count;
-        return &slots_[number];
+        ++slots_[place].count;
+        return &slots_[place];
     }
 
     std::shared_mutex mutex_;
@@ -177,7 +185,7 @@ class HashMap {
         std::unique_lock lock(mutex_);
         map_.erase(key);
     }
-    void touch(std::size_t number) { find(number); }
+    void touch(Name key) { find(key); }
     void find(UINT64 number) {
         std::shared_lock lock(mutex_);
         const auto found = map_.find(static_cast<UINT32>(number));
@@ -283,13 +291,37 @@ constexpr const char* kSlotMap = "slot map, shared mutex";
 constexpr const char* kManager = "object manager";
 constexpr const char* kHashMap = "unordered_map of shared_ptr, shared mutex";
 
+// Names in an order that the caches cannot foresee, to be read from the first on: whoever looks an
+// object up has its name at hand.
+class Names {
+  public:
+    template <class NameOf>
+    Names(std::size_t count, NameOf name_of) {
+        Sequence at{1};
+        for (Name& name : order_)
+            name = name_of(at.next(count));
+    }
+    Name operator[](std::uint64_t position) const { return order_[position % kLength]; }
+
+  private:
+    static constexpr std::size_t kLength = std::size_t{1} << 20;
+    std::vector<Name> order_ = std::vector<Name>(kLength);
+};
+
 struct Population {
     explicit Population(std::size_t size, UINT16 per_block)
-        : count(size), manager(size, per_block, size), slots(size, size), map(size, size) {}
+        : count(size),
+          manager(size, per_block, size),
+          slots(size, size),
+          map(size, size),
+          handles(size, [this](std::size_t i) { return manager.made.names[i]; }),
+          numbers(size, [](std::size_t i) { return static_cast<Name>(i); }) {}
     std::size_t count;
     Weighed<Manager> manager;
     Weighed<SlotMap> slots;
     Weighed<HashMap> map;
+    Names handles;
+    Names numbers;
 };
 
 class Subject {
@@ -300,10 +332,11 @@ class Subject {
                      static_cast<double>(all_.count), std::move(contenders));
     }
     template <class Store>
-    auto touches(Store& subject) {
-        return [&subject, count = all_.count](std::uint64_t n, unsigned who) {
-            for (Sequence at{who * 977u + 1u}; n != 0; --n)
-                subject.touch(at.next(count));
+    auto touches(Store& subject, const Names& names) {
+        return [&, at = for_each_thread<std::uint64_t>()](std::uint64_t n, unsigned who) {
+            std::uint64_t& position = (*at)[who].value;
+            for (; n != 0; --n)
+                subject.touch(names[who * 500'000 + position++]);
         };
     }
     template <class Store>
@@ -354,9 +387,9 @@ class Subject {
 
     void references(unsigned threads) {
         race("Reference and dereference by handle", threads,
-             {on(threads, kSlotMap, touches(all_.slots.made)),
-              on(threads, kManager, touches(all_.manager.made)),
-              on(threads, kHashMap, touches(all_.map.made))});
+             {on(threads, kSlotMap, touches(all_.slots.made, all_.numbers)),
+              on(threads, kManager, touches(all_.manager.made, all_.handles)),
+              on(threads, kHashMap, touches(all_.map.made, all_.numbers))});
     }
     void creations(unsigned threads) {
         auto service = std::make_shared<ServiceLock>(osal_);

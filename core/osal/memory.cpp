@@ -27,7 +27,7 @@ constexpr Module kModule{KC_FACILITY_OSAL, "memory"};
 // over in memory would double the cost of an allocation.
 struct Pool {
     Mutex& mutex;
-    PoolBias& bias;
+    Bias& bias;
     LIST_ENTRY& list;
     UINT32& total;
     UINT32& in_use;

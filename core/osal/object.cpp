@@ -27,34 +27,47 @@ KCSTATUS init_or_return(pObjectInfo oi, pObject ob, PKX_OBJECT_INIT_ROUTINE init
     return status;
 }
 
-// Makes a live object of an occupied slot, in a bucket and with one reference.
+// Puts an occupied slot into a bucket, to be made a live object next.
 void enter_bucket(pObjectInfo oi, pObject ob, PLIST_ENTRY bucket) {
     service<&IOsalVtbl::KxInsertTailList>(oi->pIOsal, bucket, &ob->objectLink);
     ++oi->statsInUse;
-    service<&IOsalVtbl::KxInterlockedExchange>(oi->pIOsal, &ob->instanceCount, UINT32{1});
+}
+
+constexpr UINT8 cleared_by(UINT8 mark) {
+    return mark == OBJ_FLAG_DELETED ? OBJ_FLAG_PREALLOCATED : 0;
 }
 
 // Marks an object as being ended, which is done under its lock; false if it was marked before.
 // ours: by the caller itself, under the lock that it has given up.
-//
-// A lock that nobody asked for yet is not taken: whoever asks for it from here on finds the mark.
 bool mark_ended(pObjectInfo oi, pObject ob, UINT8 mark, bool ours) {
-    const UINT8 cleared = mark == OBJ_FLAG_DELETED ? OBJ_FLAG_PREALLOCATED : 0;
-    if (mark_while_unlocked(ob, cleared, mark)) return true;
     lock_object(oi, ob, KX_OBJECT_EXCLUSIVE);
     const bool ends = ours || !has(ob, kEndingFlags);
-    if (ends) change_flags(ob, cleared, mark);
+    if (ends) change_flags(ob, cleared_by(mark), mark);
     unlock_object(oi, ob);
     return ends;
 }
 
-// Marks an object and takes it out of its list; its references keep it.
-void withdraw(pObjectInfo oi, pObject ob, UINT8 mark, bool ours) {
-    const bool preallocated = has(ob, OBJ_FLAG_PREALLOCATED);
-    if (!mark_ended(oi, ob, mark, ours)) return;
+// Takes an object that was marked out of its list.
+void take_out(pObjectInfo oi, pObject ob, UINT8 mark, bool preallocated) {
     if (!preallocated) return service<&IOsalVtbl::KxRemoveEntryList>(oi->pIOsal, &ob->objectLink);
     leave_allocated(oi, ob);
     if (mark == OBJ_FLAG_DELETED) set_mark(ob, kUncounted);
+}
+
+// Marks an object, takes it out of its list and drops the caller's reference. TRUE as in
+// drop_locked.
+//
+// A lock that nobody asked for yet is not taken: whoever asks for it from here on finds the mark.
+bool withdraw(pObjectInfo oi, pObject ob, UINT8 mark, bool ours) {
+    if (marked(ob, kHandedOver)) return drop_locked(oi, ob);
+    const bool preallocated = has(ob, OBJ_FLAG_PREALLOCATED);
+    UINT32 left = 0;
+    if (end_while_unlocked(ob, cleared_by(mark), mark, &left)) {
+        take_out(oi, ob, mark, preallocated);
+        return left == 0 && FreeObject(oi, ob, FALSE);
+    }
+    if (mark_ended(oi, ob, mark, ours)) take_out(oi, ob, mark, preallocated);
+    return drop_locked(oi, ob);
 }
 
 // Deletes or deallocates. FALSE as in drop_locked, with the instance lock given up.
@@ -65,9 +78,12 @@ bool end_object(pObjectInfo oi, pObject ob, UINT32 accessType, UINT8 mark) {
     const bool ours = accessType == KX_OBJECT_EXCLUSIVE && !has(ob, kEndingFlags);
     if (ours) change_flags(ob, 0, mark);
     if (accessType != KX_OBJECT_NO_ACCESS) unlock_object(oi, ob);
-    lock_exclusive(oi);
-    if (!marked(ob, kHandedOver)) withdraw(oi, ob, mark, ours);
-    if (drop_locked(oi, ob)) return true;
+    // A lock that was asked for may have to be waited for.
+    if (marked(ob, kLockUsed))
+        lock(oi, KX_OBJECT_EXCLUSIVE);
+    else
+        lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
+    if (withdraw(oi, ob, mark, ours)) return true;
     unlock(oi);
     return false;
 }
@@ -139,7 +155,6 @@ KCSTATUS allocate_locked(pObjectInfo oi, PVOID* ppUserData) {
     if (ob == nullptr) return fail(KC_CODE_NO_RESOURCES, "ObjectAllocate", 1927);
     if (const UINT32 code = occupy_slot(oi, ob); code != 0)
         return fail(code, "ObjectAllocate", code == KC_CODE_INVALID_ARGUMENT ? 1962 : 1991);
-    store(ob->instanceCount, UINT32{1});
     service<&IOsalVtbl::KxInsertTailList>(oi->pIOsal, &oi->allocatedList, &ob->objectLink);
     ++oi->statsPreallocated;
     make_live(ob, OBJ_FLAG_PREALLOCATED);
@@ -200,7 +215,7 @@ KCSTATUS ObjectCreate(PVOID pThis, PVOID pInitData, PKX_OBJECT_INIT_ROUTINE pIni
     PLIST_ENTRY bucket = oi != nullptr ? bucket_of(oi, CompareIndex) : nullptr;
     if (bucket == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectCreate", 266);
-    lock_exclusive(oi);
+    lock_for(oi, KX_OBJECT_EXCLUSIVE, pCompareRoutine, pInitRoutine);
     pObject ob =
         pCompareRoutine != nullptr ? first_match(bucket, pCompareRoutine, pCompareData) : nullptr;
     if (ob != nullptr) {
@@ -245,8 +260,8 @@ KCSTATUS ObjectDereference(PVOID pThis, PVOID pUserData, UINT32 accessType) {
     if (accessType != KX_OBJECT_NO_ACCESS) unlock_object(oi, ob);
     // A reference that is not the last one frees nothing and needs no lock. The object may be gone
     // right after.
-    if (decrement_above_one(ob->instanceCount)) return KC_OK;
-    lock_exclusive(oi);
+    if (drop_unless_last(ob)) return KC_OK;
+    lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
     if (drop_locked(oi, ob))
         torn_down();
     else
@@ -269,7 +284,7 @@ KCSTATUS ObjectCreateByHandle(PVOID pThis, HANDLE handle, PVOID pInitData,
     if (handle_slot(name) == 0 || handle_slot(name) > oi->objectsPerBlock)
         return fail(KC_CODE_INVALID_HANDLE, "ObjectCreateByHandle", 666);
     UINT32 mode = 0;
-    lock_exclusive(oi);
+    lock_for(oi, KX_OBJECT_EXCLUSIVE, pInitRoutine);
     const KCSTATUS status = take_by_handle(oi, name, pInitRoutine, pInitData, ppUserData, &mode);
     unlock(oi);
     const UINT32 access = mode == KX_OBJECT_CREATED ? createAccess : openAccess;
@@ -283,7 +298,7 @@ KCSTATUS ObjectAllocate(PVOID pThis, PVOID* ppUserData) {
     pObjectInfo oi = usable(pThis);
     if (oi == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectAllocate", 1829);
-    lock_exclusive(oi);
+    lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
     const KCSTATUS status = allocate_locked(oi, ppUserData);
     unlock(oi);
     return status;
@@ -300,7 +315,7 @@ Kept keep_object(pObjectInfo oi, pObject ob) {
     lock_object(oi, ob, KX_OBJECT_EXCLUSIVE);
     if (!has(ob, kEndingFlags)) return Kept::kYes;
     unlock_object(oi, ob);
-    lock_exclusive(oi);
+    lock(oi, KX_OBJECT_EXCLUSIVE);
     return drop_locked(oi, ob) ? Kept::kTornDown : Kept::kNo;
 }
 

@@ -51,8 +51,6 @@ class Reading {
     bool owns_;
 };
 
-constexpr UINT64 kOneReference = state_of(0, 0, 0, 1);
-
 // A preallocated object is not plainly live: its opening may run client code under the instance
 // lock, and forgets the references it finds.
 constexpr bool plainly_live(UINT64 state, UCHAR generation) {

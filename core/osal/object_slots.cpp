@@ -144,7 +144,6 @@ UINT32 occupy_slot(pObjectInfo oi, pObject ob) {
         return_slot(oi, ob);
         return code;
     }
-    store(ob->marks, UINT8{0});
     const auto size = static_cast<UINT32>(oi->objectSize - sizeof(Object));
     service<&IOsalVtbl::KxZeroMemory>(oi->pIOsal, data_of(ob), size);
     return 0;

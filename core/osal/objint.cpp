@@ -97,7 +97,31 @@ void run_unlocked(pObjectInfo oi, PKX_OBJECT_ROUTINE routine, pObject ob) {
     if (routine == nullptr) return;
     unlock(oi);
     routine(data_of(ob));
-    lock_exclusive(oi);
+    lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
+}
+
+BOOLEAN acquire(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect, UINT32 accessType) {
+    const HANDLE handle = load(pProtect->handle);
+    switch (accessLevel) {
+        case KX_OBJECT_LEVEL_LOCK:
+            if (accessType == KX_OBJECT_EXCLUSIVE)
+                return service<&IOsalVtbl::KxAcquireLockForWriteAccess>(oi->pIOsal, handle, TRUE) ==
+                       KC_OK;
+            if (accessType == KX_OBJECT_SHARED)
+                return service<&IOsalVtbl::KxAcquireLockForReadAccess>(oi->pIOsal, handle, TRUE) ==
+                       KC_OK;
+            return FALSE;
+        case KX_OBJECT_LEVEL_SPIN: {
+            KCSPIN_STATE state = 0;  // of this holder: not to be stored before the lock is held
+            service<&IOsalVtbl::KxAcquireSpinLock>(oi->pIOsal, handle, &state);
+            pProtect->spinState = state;
+            return TRUE;
+        }
+        case KX_OBJECT_LEVEL_MUTEX:
+            return service<&IOsalVtbl::KxAcquireMutex>(oi->pIOsal, handle) == KC_OK;
+        default:
+            return FALSE;
+    }
 }
 
 BOOLEAN recycle(pObjectInfo oi, pObject ob) {
@@ -113,8 +137,7 @@ BOOLEAN free_slot(pObjectInfo oi, pObject ob) {
     pBlockHeader bh = ob->blockStart;
     const bool kept = has(ob, OBJ_FLAG_PERMANENT) && !running_down(oi);
     if (bh->freeObjectCount + 1u == oi->objectsPerBlock && !kept) return FreeBlock(oi, bh);
-    set_generation(ob, static_cast<UCHAR>(ob->handleInstance + 1));
-    set_unshared_flags(ob, OBJ_FLAG_IN_USE | kEndingFlags, OBJ_FLAG_FREE);
+    make_free(ob);
     return_slot(oi, ob);
     return FALSE;
 }
@@ -188,27 +211,9 @@ KCSTATUS InternalInitialize(pObjectInfo pThis, UINT32 objectSize, UINT16 objects
 
 BOOLEAN InternalAcquire(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect,
                         UINT32 accessType) {
-    const HANDLE handle = load(pProtect->handle);
-    switch (accessLevel) {
-        case KX_OBJECT_LEVEL_LOCK:
-            if (accessType == KX_OBJECT_EXCLUSIVE)
-                return service<&IOsalVtbl::KxAcquireLockForWriteAccess>(oi->pIOsal, handle, TRUE) ==
-                       KC_OK;
-            if (accessType == KX_OBJECT_SHARED)
-                return service<&IOsalVtbl::KxAcquireLockForReadAccess>(oi->pIOsal, handle, TRUE) ==
-                       KC_OK;
-            return FALSE;
-        case KX_OBJECT_LEVEL_SPIN: {
-            KCSPIN_STATE state = 0;  // of this holder: not to be stored before the lock is held
-            service<&IOsalVtbl::KxAcquireSpinLock>(oi->pIOsal, handle, &state);
-            pProtect->spinState = state;
-            return TRUE;
-        }
-        case KX_OBJECT_LEVEL_MUTEX:
-            return service<&IOsalVtbl::KxAcquireMutex>(oi->pIOsal, handle) == KC_OK;
-        default:
-            return FALSE;
-    }
+    const BOOLEAN taken = acquire(oi, accessLevel, pProtect, accessType);
+    if (pProtect == &oi->protect) settle_bias(oi->turns, accessType == KX_OBJECT_EXCLUSIVE);
+    return taken;
 }
 
 void InternalRelease(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect) {
@@ -258,7 +263,7 @@ void InstanceRelease(pObjectInfo oi) {
         return;
     }
     if (oi->pHashListArray != nullptr) delete_all(oi);
-    if (oi->protect.handle != nullptr) lock_exclusive(oi);
+    if (oi->protect.handle != nullptr) lock(oi, KX_OBJECT_EXCLUSIVE);
     store(oi->flags, load(oi->flags) | OI_FLAG_RUNDOWN);
     if (free_allocated(oi) || free_empty_blocks(oi)) return;
     if (oi->statsAllocated != 0)

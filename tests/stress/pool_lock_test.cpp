@@ -22,8 +22,8 @@
 namespace osal_test {
 namespace {
 
+using osal::Bias;
 using osal::Mutex;
-using osal::PoolBias;
 using osal::with_pool_lock;
 
 int rounds(int base) {
@@ -38,7 +38,7 @@ void linger(std::size_t turns) {
 
 struct Guarded {
     Mutex mutex = {PTHREAD_MUTEX_INITIALIZER};
-    PoolBias bias = {};
+    Bias bias = {};
     long first = 0, second = 0;  // always equal outside a section
 
     void add() {
@@ -52,7 +52,7 @@ struct Guarded {
         if (!equal) ADD_FAILURE() << "inside another section";
     }
     bool biased_to(std::uintptr_t thread) const { return bias.owner == thread; }
-    bool bias_ended() const { return bias.owner == 1; }
+    bool bias_ended() const { return bias.owner == Bias::kEnding || bias.owner == Bias::kEnded; }
 };
 
 class PoolLock : public testing::Test {

@@ -30,14 +30,4 @@ Word decrement(Word& word) {
     return std::atomic_ref<Word>(word).fetch_sub(1) - 1;
 }
 
-// Takes one off a count above one; false if it is one or zero, and stays.
-template <class Word>
-bool decrement_above_one(Word& word) {
-    std::atomic_ref<Word> count(word);
-    Word found = count.load(std::memory_order_relaxed);
-    while (found > 1)
-        if (count.compare_exchange_weak(found, found - 1)) return true;
-    return false;
-}
-
 }  // namespace osal

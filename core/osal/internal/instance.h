@@ -46,8 +46,8 @@ struct OsalObjInfo {
 #undef OSAL_COUNTER_FIELD
 
     // Behind the stated fields.
-    osal::PoolBias non_paged_bias;  // ProtectionSpinLock's
-    osal::PoolBias paged_bias;      // ProtectionMutex's
+    osal::Bias non_paged_bias;  // ProtectionSpinLock's
+    osal::Bias paged_bias;      // ProtectionMutex's
 
     // Keeps the next record on the heap, often another thread's instance, off the cache lines that
     // each allocation through this one writes.

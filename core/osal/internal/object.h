@@ -2,9 +2,10 @@
 //
 // Locks, in order: the instance lock (protect of the instance), then an object's lock (protect of
 // the object). Deleting and deallocating wait for the object lock with the instance lock held;
-// everything else gives one up before it waits for the other. The locks come from the services, so
-// they are no capabilities to the compiler; "caller holds the instance lock" below means
-// exclusively. A look-up by handle that grants takes neither, see object_readers.h.
+// everything else gives one up before it waits for the other. The instance lock is biased, see
+// object_turns.h. The locks come from the services, so they are no capabilities to the compiler;
+// "caller holds the instance lock" below means exclusively. A look-up by handle that grants takes
+// neither, see object_readers.h.
 //
 // Threads: at most one deletion thread an instance, see objdel.cpp.
 #pragma once
@@ -17,6 +18,7 @@
 #include "osal/internal/list.h"
 #include "osal/internal/object_index.h"
 #include "osal/internal/object_readers.h"
+#include "osal/internal/object_turns.h"
 #include "osal/internal/status.h"
 #include "osal/iom.h"
 
@@ -48,7 +50,8 @@ static_assert(sizeof(ProtectToken) == 16);
 // pIOsal to pfDeallocate, pHashListArray, objDeleteWorkHandle, stride: set by Initialize, then
 // constant. flags: changed under the instance lock, read without it as well. The lists but the
 // buckets' array, the statistics, index: guarded by the instance lock, exclusively for a change.
-// objDeleteActive: likewise, but for the work item, which clears it. readers: atomic.
+// objDeleteActive: likewise, but for the work item, which clears it. turns: see object_turns.h.
+// readers: atomic.
 // pfDebug, Hash, Initialize, Compare: never set; part of the record only.
 typedef struct _ObjectInfo {
     const IOMVtbl* lpVtbl;
@@ -79,6 +82,7 @@ typedef struct _ObjectInfo {
 
     // Behind the stated fields.
     UINT64 stride;  // bytes from slot to slot: objectSize rounded up to 8, not cut to 32 bits
+    osal::Turns turns;
     osal::BlockIndex index;
     osal::Readers readers;
 } ObjectInfo, *pObjectInfo;
@@ -228,14 +232,29 @@ inline pObjectInfo usable(PVOID pThis) {
     return oi != nullptr && (load(oi->flags) & OI_FLAG_INITIALIZED) != 0 ? oi : nullptr;
 }
 
-inline void lock_exclusive(pObjectInfo oi) {
-    InternalAcquire(oi, oi->accessLevel, &oi->protect, KX_OBJECT_EXCLUSIVE);
+// Turns of the instance lock, brief or not (object_turns.h). access: KX_OBJECT_EXCLUSIVE or
+// KX_OBJECT_SHARED.
+inline void lock(pObjectInfo oi, UINT32 access) {
+    InternalAcquire(oi, oi->accessLevel, &oi->protect, access);
 }
-inline void lock_shared(pObjectInfo oi) {
-    InternalAcquire(oi, oi->accessLevel, &oi->protect, KX_OBJECT_SHARED);
+inline void lock_briefly(pObjectInfo oi, UINT32 access) {
+    if (!enter_biased(oi->turns.bias)) lock(oi, access);
 }
+// For a section that runs these client routines, which may be null.
+template <class... Routines>
+void lock_for(pObjectInfo oi, UINT32 access, Routines... routines) {
+    if ((... || (routines != nullptr)))
+        lock(oi, access);
+    else
+        lock_briefly(oi, access);
+}
+// Another thread may be found busy for a moment: one whose bias was ended and that finds out.
 inline void unlock(pObjectInfo oi) {
-    InternalRelease(oi, oi->accessLevel, &oi->protect);
+    Turns& turns = oi->turns;
+    if (turns.thread == thread_token() && turns.bias.busy.load(std::memory_order_relaxed) != 0)
+        leave_biased(turns.bias);
+    else
+        InternalRelease(oi, oi->accessLevel, &oi->protect);
 }
 inline bool running_down(pObjectInfo oi) {
     return (load(oi->flags) & OI_FLAG_RUNDOWN) != 0;
@@ -274,11 +293,6 @@ inline void change_flags(pObject ob, UINT8 cleared, UINT8 set) {
         ;
 }
 
-// The same for a slot that nobody else can be changing: a free one, or one that is being freed.
-inline void set_unshared_flags(pObject ob, UINT8 cleared, UINT8 set) {
-    store(ob->flags, static_cast<UINT8>((load(ob->flags) & ~cleared) | set));
-}
-
 // Marks.
 inline constexpr UINT8 kHandedOver = 0x01;  // FreeObject has it: queued or being freed
 inline constexpr UINT8 kUncounted = 0x02;   // deleted while preallocated: not part of statsInUse
@@ -299,13 +313,18 @@ typedef UINT64 __attribute__((may_alias)) StateWord;
 constexpr UINT64 state_of(UINT8 flags, UINT8 marks, UCHAR generation, UINT32 count) {
     return flags | UINT64{marks} << 8 | UINT64{generation} << 16 | UINT64{count} << 32;
 }
+inline constexpr UINT64 kOneReference = state_of(0, 0, 0, 1);
 inline std::atomic_ref<UINT64> state_word(pObject ob) {
     return std::atomic_ref<UINT64>(reinterpret_cast<StateWord&>(ob->flags));
 }
 
-// Makes a live object of an occupied slot that is complete: look-ups may find it from here on.
+// Makes a live object with one reference of an occupied slot that is complete: look-ups may find it
+// from here on.
 inline void make_live(pObject ob, UINT8 set) {
-    set_unshared_flags(ob, OBJ_FLAG_FREE, OBJ_FLAG_IN_USE | set);
+    std::atomic_ref<UINT64> state = state_word(ob);
+    const UINT64 kept = state.load(std::memory_order_relaxed) & (kOneReference - 1);
+    state.store((kept & ~UINT64{OBJ_FLAG_FREE}) | state_of(OBJ_FLAG_IN_USE | set, 0, 0, 1),
+                std::memory_order_release);
 }
 
 inline void lock_object(pObjectInfo oi, pObject ob, UINT32 access) {
@@ -316,14 +335,17 @@ inline void unlock_object(pObjectInfo oi, pObject ob) {
     InternalRelease(oi, oi->accessLevel, &ob->protect);
 }
 
-// Changes the flags of an object that is not being ended and whose lock nobody asked for yet, in
-// one step; false if it is not like that.
-inline bool mark_while_unlocked(pObject ob, UINT8 cleared, UINT8 set) {
+// Changes the flags of an object that is not being ended and whose lock nobody asked for yet, and
+// drops a reference if there is one, in one step; false if it is not like that.
+inline bool end_while_unlocked(pObject ob, UINT8 cleared, UINT8 set, UINT32* references_left) {
     constexpr UINT64 excluded = state_of(kEndingFlags, kLockUsed, 0, 0);
     std::atomic_ref<UINT64> state = state_word(ob);
     UINT64 found = state.load();
-    while ((found & excluded) == 0)
-        if (state.compare_exchange_weak(found, (found & ~UINT64{cleared}) | set)) return true;
+    while ((found & excluded) == 0) {
+        const UINT64 left = found < kOneReference ? found : found - kOneReference;
+        *references_left = static_cast<UINT32>(left >> 32);
+        if (state.compare_exchange_weak(found, (left & ~UINT64{cleared}) | set)) return true;
+    }
     return false;
 }
 
@@ -332,6 +354,16 @@ inline bool mark_while_unlocked(pObject ob, UINT8 cleared, UINT8 set) {
 UINT32 make_object_lock(pObjectInfo oi, pObject ob);
 void destroy_object_lock(pObjectInfo oi, pObject ob);  // if there is one
 void destroy_lock(pObjectInfo oi, UINT32 level, HANDLE handle);
+
+// Drops a reference that is not the last one; false if it is, or if there is none. On the whole
+// word: so ThreadSanitizer too knows of it when an end in one step finds the count lower.
+inline bool drop_unless_last(pObject ob) {
+    std::atomic_ref<UINT64> state = state_word(ob);
+    UINT64 found = state.load(std::memory_order_relaxed);
+    while (found >= 2 * kOneReference)
+        if (state.compare_exchange_weak(found, found - kOneReference)) return true;
+    return false;
+}
 
 inline void add_reference(pObjectInfo oi, pObject ob) {
     service<&IOsalVtbl::KxInterlockedIncrement>(oi->pIOsal, &ob->instanceCount);
@@ -377,6 +409,14 @@ inline void set_generation(pObject ob, UCHAR generation) {
     store(ob->generation, generation);
     const UINT32 handle = make_handle(ob->handleId, generation, ob->handleIndex);
     store(reinterpret_cast<HandleWord&>(ob->handleId), HandleWord{handle});
+}
+// Makes a slot free for the next generation, without marks and references.
+inline void make_free(pObject ob) {
+    const auto flags = static_cast<UINT8>(load(ob->flags) & ~(OBJ_FLAG_IN_USE | kEndingFlags));
+    const auto generation = static_cast<UCHAR>(ob->handleInstance + 1);
+    state_word(ob).store(state_of(flags | OBJ_FLAG_FREE, 0, generation, 0),
+                         std::memory_order_release);
+    set_generation(ob, generation);
 }
 
 // --- Slots; caller holds the instance lock, or looks without it (object_readers.h) ---

@@ -1,0 +1,54 @@
+// A lock's bias: the right of one thread to take it without a locked instruction.
+//
+// The thread that a lock is biased to marks itself busy with plain stores. Any other thread first
+// takes the lock itself, ends the bias and waits until its holder is out; from then on the lock
+// alone decides. A process-wide memory barrier, paid by the thread that ends the bias, orders the
+// two sides.
+//
+// After fork a bias of another thread is ended in the child like any other, as long as that thread
+// was not inside; a child of a threaded process may not assume more of a mutex either.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "osal/internal/barrier.h"
+#include "osal/types.h"
+
+namespace osal {
+
+// Who a lock is biased to. All zero: nobody yet.
+struct Bias {
+    static constexpr std::uintptr_t kNobody = 0;
+    static constexpr std::uintptr_t kEnded = 1;
+    static constexpr std::uintptr_t kEnding = 2;
+
+    std::atomic<std::uintptr_t> owner;  // thread_token(), or one of the above
+    std::atomic<UINT32> busy;           // 1 while the owner is inside
+};
+
+// True if the calling thread is inside by its bias; it then leaves with leave_biased.
+inline bool enter_biased(Bias& bias) {
+    const std::uintptr_t self = thread_token();
+    if (bias.owner.load(std::memory_order_relaxed) != self) [[unlikely]]
+        return false;
+    // A thread that got the control block of one that is gone continues its bias; this orders its
+    // section behind the last one of that thread.
+    (void)bias.busy.load(std::memory_order_acquire);
+    bias.busy.store(1, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // made a real one by process_barrier
+    if (bias.owner.load(std::memory_order_acquire) == self) [[likely]]
+        return true;
+    bias.busy.store(0, std::memory_order_release);
+    return false;
+}
+
+inline void leave_biased(Bias& bias) {
+    bias.busy.store(0, std::memory_order_release);
+}
+
+// Ends another thread's bias and waits until that thread is out. Caller holds the lock, so that
+// nobody begins a bias meanwhile; if it holds it shared, others may end the bias at the same time.
+void end_bias(Bias& bias);
+
+}  // namespace osal
