@@ -34,7 +34,10 @@ KCSTATUS KxAllocEvent(PIOsal pThis, KX_EVENT_TYPE EventType, HANDLE* pHandle);
 /* Destroys an event and frees its record.
  *
  * Code 3: pThis is no service instance, or a bad handle. Code 0x1003: another thread is about to
- * signal the event or has just been woken by it; the event stays as it is.
+ * wait for the event or has just been woken by it; the event stays as it is.
+ *
+ * Blocks while a signal that others were to be woken by is still inside the event, which is until
+ * its thread has run on; not a cancellation point.
  *
  * Not for an event that a thread waits for: the call then blocks until that thread has left, which
  * uses a record that is no more; registrations of waits for several events are not looked at. */
@@ -58,8 +61,9 @@ KCSTATUS KxResetEvent(PIOsal pThis, HANDLE Handle, BOOLEAN* pPrevState);
  * once and takes any wake-up for a signal, so that a waiter may return although another one, or a
  * reset, was faster. Callers that hand over work check for themselves that there is some.
  *
- * A cancellation point while it waits. A cancelled thread leaves the event unlocked. Cancellation
- * is deferred during the call, whatever its type was. */
+ * A cancellation point while it sleeps, and not one if the event is signalled at entry. A cancelled
+ * thread leaves the event unlocked. Cancellation is deferred while anything is locked, whatever its
+ * type was. */
 KCSTATUS KxWaitForSingleEvent(PIOsal pThis, HANDLE Handle, INT64 Timeout);
 
 /* Waits for any of Count events, or with bWaitAll for all of them. One event is waited for as by

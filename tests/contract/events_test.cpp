@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "osal/internal/valgrind.h"
 #include "support/event_test.h"
 #include "support/faults.h"
 
@@ -170,6 +171,32 @@ TEST_P(EventLife, AFailedPlatformDestroyKeepsRecordAndCounter) {
     pthread_mutex_init(&event_behind(handle)->mutex.native, nullptr);
 }
 
+std::atomic<bool> signaller_may_go;
+int slow_signal(pthread_cond_t* condition) {
+    const int result = pthread_cond_signal(condition);
+    if (Interpose::made_here()) eventually([] { return signaller_may_go.load(); });
+    return result;
+}
+
+TEST_P(EventLife, DestructionWaitsForASignalThatWakesToLeaveTheEvent) {
+    if (osal::under_valgrind()) GTEST_SKIP() << "sleepers are woken with the mutex held";
+    HANDLE handle = let_go(make(KxSynchronizationEvent));
+    signaller_may_go = false;
+    RawThread signaller([&] {
+        Interpose slow("osal.so", "pthread_cond_signal", &slow_signal);
+        EXPECT_TRUE(eventually([&] { return listeners(handle) == 1; }));
+        signal(handle);
+    });
+    ASSERT_EQ(wait(handle, -1), KC_OK);
+    RawThread destroyer([&] { EXPECT_EQ(CALL(KxDestroyEvent)(osal, handle), KC_OK); });
+    nap(milliseconds(30));
+    EXPECT_FALSE(destroyer.done());
+    EXPECT_EQ(record->EventInUse, 1u);
+    signaller_may_go = true;
+    destroyer.join();
+    EXPECT_EQ(record->EventInUse, 0u);
+}
+
 TEST_P(EventLife, DestructionDoesNotLookAtRegistrations) NO_THREAD_SAFETY_ANALYSIS {
     Quarantine quarantine;
     HANDLE handle = let_go(make(KxNotificationEvent));
@@ -276,6 +303,28 @@ TEST_P(Events, OnlyTheFirstSignalWakes) {
     }
 }
 
+TEST_P(Events, ASignalThatNobodyListensForAndAWaitThatFindsItCallNoPlatform) {
+    static int calls;
+    calls = 0;
+    const auto count = +[](pthread_mutex_t*) {
+        if (Interpose::made_here()) ++calls;
+        return 0;
+    };
+    const auto count_types = +[](int type, int* former) {
+        if (Interpose::made_here()) ++calls;
+        return pthread_setcanceltype(type, former);
+    };
+    for (KX_EVENT_TYPE type : kBothTypes) {
+        HANDLE handle = make(type);
+        Interpose locks("osal.so", "pthread_mutex_lock", count);
+        Interpose types("osal.so", "pthread_setcanceltype", count_types);
+        EXPECT_EQ(CALL(KxSignalEvent)(osal, handle, nullptr), KC_OK);
+        EXPECT_EQ(wait(handle, -1), KC_OK);
+        EXPECT_EQ(is_signalled(handle), type == KxNotificationEvent);
+    }
+    EXPECT_EQ(calls, 0);
+}
+
 // A registration by hand, as of a waiter on its way to sleep.
 TEST_P(Events, ASignalRaisesTheMastersThatAreRegistered) NO_THREAD_SAFETY_ANALYSIS {
     HANDLE handle = make(KxSynchronizationEvent);
@@ -286,6 +335,7 @@ TEST_P(Events, ASignalRaisesTheMastersThatAreRegistered) NO_THREAD_SAFETY_ANALYS
     list[2].pMasterEvent = event_behind(other);
     for (osal::Registration& registration : list)
         OsalInsertTailList(&event_behind(handle)->multiWaitList, &registration.SingleEntry);
+    event_behind(handle)->listeners = 2;
     signal(handle);
     EXPECT_TRUE(is_signalled(master));
     EXPECT_TRUE(is_signalled(other));
@@ -296,6 +346,7 @@ TEST_P(Events, ASignalRaisesTheMastersThatAreRegistered) NO_THREAD_SAFETY_ANALYS
     EXPECT_EQ(registrations(handle), 3u);
     for (osal::Registration& registration : list)
         OsalRemoveEntryList(&registration.SingleEntry);
+    event_behind(handle)->listeners = 0;
 }
 
 TEST_P(SingleWait, AZeroTimeOutLooksOnce) {
@@ -496,11 +547,11 @@ TEST_P(SingleWait, ACancelledWaiterLeavesTheEventUsable) {
                 pthread_setcanceltype(type, nullptr);
                 wait(handle, timeout);
             });
-            EXPECT_TRUE(eventually([&] { return sleepers(handle) == 1; }));
+            EXPECT_TRUE(eventually([&] { return listeners(handle) == 1; }));
             waiter.cancel();
             EXPECT_TRUE(waiter.join());
             EXPECT_TRUE(mutex_is_free(handle));
-            EXPECT_EQ(sleepers(handle), 0u);
+            EXPECT_EQ(listeners(handle), 0u);
             EXPECT_FALSE(is_signalled(handle));
             signal(handle);
             EXPECT_EQ(wait(handle, 0), KC_OK);

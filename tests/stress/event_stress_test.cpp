@@ -151,6 +151,31 @@ TEST_P(EventStress, AWaitForAllTakesOneSignalOfEachEventEachTime) {
     }
 }
 
+// Nothing but the event orders the two threads: for ThreadSanitizer to see.
+TEST_P(EventStress, AWaiterSeesWhatCameBeforeASignalThatFoundTheEventSignalled) {
+    HANDLE handle = make(KxSynchronizationEvent);
+    HANDLE other = make(KxSynchronizationEvent);
+    std::atomic<std::uint64_t> signalled = 0;
+    std::uint64_t written = 0;
+    const std::uint64_t rounds = hand_overs() / 20;
+    RawThread signaller([&] {
+        for (std::uint64_t round = 1; round <= rounds; ++round) {
+            signal(handle);
+            written = round;
+            signal(handle);
+            signalled.store(round, std::memory_order_relaxed);
+            EXPECT_EQ(wait(other, kPatient), KC_OK);
+        }
+    });
+    for (std::uint64_t round = 1; round <= rounds; ++round) {
+        while (signalled.load(std::memory_order_relaxed) != round)
+            sched_yield();
+        ASSERT_EQ(wait(handle, 0), KC_OK);
+        EXPECT_EQ(written, round);
+        signal(other);
+    }
+}
+
 // The thread that signals may still be in the call when the waiter is out.
 TEST_P(EventStress, AnEventMayBeDestroyedRightAfterASuccessfulWait) {
     std::atomic<HANDLE> offered = nullptr;

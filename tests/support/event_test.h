@@ -34,11 +34,11 @@ inline std::size_t registrations(HANDLE handle) NO_THREAD_SAFETY_ANALYSIS {
     return length;
 }
 
-// Threads that sleep on one event.
-inline UINT32 sleepers(HANDLE handle) NO_THREAD_SAFETY_ANALYSIS {
+// Threads that sleep on one event, and registrations on it.
+inline UINT32 listeners(HANDLE handle) NO_THREAD_SAFETY_ANALYSIS {
     osal::Event* event = event_behind(handle);
     pthread_mutex_lock(&event->mutex.native);
-    const UINT32 count = event->sleepers;
+    const UINT32 count = event->listeners;
     pthread_mutex_unlock(&event->mutex.native);
     return count;
 }

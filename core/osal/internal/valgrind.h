@@ -46,6 +46,16 @@ void announce_acquire(const Word& word) {
     ANNOTATE_HAPPENS_AFTER(&word);
 }
 
+// The same out of line, for paths whose registers count.
+template <class Word>
+[[gnu::noinline, gnu::cold]] void announce_release_apart(const Word& word) {
+    announce_release(word);
+}
+template <class Word>
+[[gnu::noinline, gnu::cold]] void announce_acquire_apart(const Word& word) {
+    announce_acquire(word);
+}
+
 // To be said when a wait is left by cancellation, which takes the mutex again.
 inline void announce_cancelled_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     VALGRIND_HG_MUTEX_LOCK_POST(mutex);

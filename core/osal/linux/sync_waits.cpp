@@ -4,7 +4,8 @@
 // each event that is not signalled yet; whoever signals such an event signals the master too.
 //
 // Locks in their order: an event's mutex, then a master's; an event's mutex, then the paged pool's.
-// A waiter holds one event's mutex at a time, and never its master's together with it.
+// A waiter holds one event's mutex at a time, and never its master's together with it. Behind an
+// event's gate nothing is locked. A wait that finds its event signalled takes no lock at all.
 #include <cerrno>
 
 #include "osal/event.h"
@@ -20,39 +21,49 @@ constexpr const char* kMultiWait = "KxWaitForMultipleEvents";
 constexpr KCSTATUS kTimedOut = unlogged_error(KC_CODE_TIMED_OUT);
 constexpr KCSTATUS kWaitFailed = 1;
 
-// Counts this thread among the sleepers of an event, also until it is cancelled.
-class Sleeper {
-  public:
-    explicit Sleeper(Event* event) NO_THREAD_SAFETY_ANALYSIS : count_(event->sleepers) { ++count_; }
-    ~Sleeper() { --count_; }
-    Sleeper(const Sleeper&) = delete;
-    Sleeper& operator=(const Sleeper&) = delete;
-
-  private:
-    UINT32& count_;
-};
-
-[[gnu::noinline]] int sleep_on(Event* event, INT64 timeout_us) REQUIRES(event->mutex) {
-    Sleeper sleeper(event);
-    return wait_once(&event->condition, event->mutex, timeout_us);
+// Takes the signal, or else counts the caller among the listeners: a later signal wakes it, if it
+// holds the event's mutex until it sleeps or has its registration on the list.
+bool take_or_listen(Event* event) {
+    Behind gate(event->gate);
+    if (take(event)) return true;
+    ++event->listeners;
+    return false;
 }
 
+void stop_listening(Event* event) {
+    Behind gate(event->gate);
+    --event->listeners;
+}
+
+// A listener on its way out, also when it is cancelled.
+class Listener {
+  public:
+    explicit Listener(Event* event) : event_(event) {}
+    ~Listener() { stop_listening(event_); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+  private:
+    Event* const event_;
+};
+
 // Contract: sleeps once; any wake-up counts as a signal, whoever consumed it meanwhile.
-int wait_for(Event* event, INT64 timeout_us) {
-    InlineLock lock(event->mutex);
-    int result = 0;
-    if (!is_signalled(event)) result = sleep_on(event, timeout_us);
-    if (result == 0) consume(event);
+int sleep_on(Event* event, INT64 timeout_us) {
+    Lock lock(event->mutex);
+    if (take_or_listen(event)) return 0;
+    Listener listener(event);
+    const int result = wait_once(&event->condition, event->mutex, timeout_us);
+    if (result == 0) take(event);
     return result;
 }
 
-// Under the event's mutex although the state is atomic: whoever signalled has then left the event,
-// and the caller may destroy it.
-bool take(Event* event) {
-    InlineLock lock(event->mutex);
-    if (!is_signalled(event)) return false;
-    consume(event);
-    return true;
+// What is rare stays out of line: the registers that it needs would be saved by every wait.
+[[gnu::noinline]] KCSTATUS wait_asleep(Event* event, INT64 timeout_us) {
+    const int cancellation = defer_cancellation();
+    const int result = sleep_on(event, timeout_us);
+    restore_cancellation(cancellation);
+    if (result == 0) return KC_OK;
+    return result == ETIMEDOUT ? kTimedOut : kWaitFailed;
 }
 
 // The arguments of a wait for several events.
@@ -69,7 +80,7 @@ KCSTATUS poll(const Request& request, KCSTATUS undecided) {
     for (INT32 i = 0; i < request.count; ++i) {
         auto* event = as<Event>(request.handles[i]);
         if (event == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE, kMultiWait);
-        if (is_signalled(event) && take(event) && !request.all) return KC_OK;
+        if (take(event) && !request.all) return KC_OK;
     }
     return undecided;
 }
@@ -83,7 +94,7 @@ INT32 take_first(const Request& request) {
     for (INT32 i = 0; i < request.count; ++i) {
         auto* event = as<Event>(request.handles[i]);
         if (event == nullptr) return kNone;
-        if (is_signalled(event) && take(event)) return i;
+        if (take(event)) return i;
     }
     return kNone;
 }
@@ -142,14 +153,14 @@ class MultiWait {
 };
 
 MultiWait::Step MultiWait::take_or_enlist(Event* event) {
-    InlineLock lock(event->mutex);
-    if (is_signalled(event)) {
-        consume(event);
-        return Step::kTaken;
-    }
+    Lock lock(event->mutex);
+    if (take_or_listen(event)) return Step::kTaken;
     auto* registration =
         static_cast<Registration*>(KxAllocPagedMemory(request_.pThis, sizeof(Registration)));
-    if (registration == nullptr) return Step::kNoMemory;
+    if (registration == nullptr) {
+        stop_listening(event);
+        return Step::kNoMemory;
+    }
     registration->pSingleEvent = event;
     registration->pMasterEvent = &master_;
     OsalInsertTailList(&registrations_, &registration->MasterEntry);
@@ -182,10 +193,10 @@ int MultiWait::sleep() {
 bool MultiWait::claim(Registration* registration) {
     Event* event = registration->pSingleEvent;
     if (!is_signalled(event)) return false;
-    InlineLock lock(event->mutex);
-    if (!is_signalled(event)) return false;
-    consume(event);
+    Lock lock(event->mutex);
+    if (!take(event)) return false;
     OsalRemoveEntryList(&registration->SingleEntry);
+    stop_listening(event);
     return true;
 }
 
@@ -236,6 +247,7 @@ void MultiWait::withdraw_all() {
         {
             Lock lock(registration->pSingleEvent->mutex);
             OsalRemoveEntryList(&registration->SingleEntry);
+            stop_listening(registration->pSingleEvent);
         }
         discard(registration);
     }
@@ -247,6 +259,7 @@ void MultiWait::abandon_all() {
     for (PLIST_ENTRY entry = registrations_.Flink; entry != &registrations_; entry = entry->Flink) {
         Lock lock(at(entry)->pSingleEvent->mutex);
         at(entry)->pMasterEvent = nullptr;
+        stop_listening(at(entry)->pSingleEvent);
     }
 }
 
@@ -263,11 +276,8 @@ KCSTATUS wait_for_several(const Request& request, KCSTATUS undecided) {
 KCSTATUS KxWaitForSingleEvent(PIOsal, HANDLE Handle, INT64 Timeout) {
     auto* event = as<Event>(Handle);
     if (event == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE);
-    const int cancellation = defer_cancellation();
-    const int result = wait_for(event, Timeout);
-    restore_cancellation(cancellation);
-    if (result == 0) return KC_OK;
-    return result == ETIMEDOUT ? kTimedOut : kWaitFailed;
+    if (take(event)) return KC_OK;  // nothing is held: a thread may be cancelled here
+    return wait_asleep(event, Timeout);
 }
 
 KCSTATUS KxWaitForMultipleEvents(PIOsal pThis, UINT32 Count, HANDLE* Handles, BOOLEAN bWaitAll,

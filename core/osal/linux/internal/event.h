@@ -2,14 +2,21 @@
 #pragma once
 
 #include "osal/internal/list.h"
+#include "osal/linux/internal/gate.h"
 #include "osal/linux/internal/sync.h"
 
 // An event; from the C heap. Also the master of a wait for several events, on the waiter's stack.
 //
-// type: never changes. state: raised under mutex, lowered with or without it; always atomic.
-// multiWaitList: the registrations of waits for several events, by their SingleEntry. Link is kept
-// an empty list; Link2 and waitCount are part of the record only. sleepers: the threads that sleep
-// on condition; guarded by mutex.
+// type: never changes. state: raised behind the gate (a master's: under its mutex), lowered by
+// anybody at any time; always atomic. multiWaitList: the registrations of waits for several events,
+// by their SingleEntry. Link is kept an empty list; Link2 and waitCount are part of the record
+// only.
+//
+// gate: between a signal and those who are about to wait; one that finds no listener has nothing to
+// do with the mutex. listeners: the threads that sleep on condition and the registrations of waits
+// that may sleep; changed with the mutex held and behind the gate, so either is enough to read it.
+// wakers: the signals that found listeners and may still touch the record, outside the
+// mutex too: who destroys the event lets them out first.
 struct _KX_EVENT_HANDLE_ {
     static constexpr UINT32 kSignature = osal::four_cc("EVNT");
     static constexpr auto kInUse = &OsalObjInfo::EventInUse;
@@ -25,7 +32,9 @@ struct _KX_EVENT_HANDLE_ {
     LIST_ENTRY multiWaitList GUARDED_BY(mutex);
 
     // Behind the stated fields.
-    UINT32 sleepers GUARDED_BY(mutex);
+    osal::Gate gate;
+    UINT32 listeners GUARDED_BY(gate);
+    UINT32 wakers GUARDED_BY(gate);
 
     void init_platform();
     int destroy_platform();
@@ -68,9 +77,16 @@ inline bool is_signalled(const Event* event) {
     return load(event->state) != 0;
 }
 
-// What a satisfied wait does to an event.
-inline void consume(Event* event) {
-    if (event->type == KxSynchronizationEvent) store(event->state, UINT32{0});
+// What a satisfied wait does to an event: false if it was not signalled, or another was faster to
+// take the signal. Needs no lock: whoever destroys the event lets its signallers out.
+inline bool take(Event* event) {
+    if (!is_signalled(event)) return false;
+    if (event->type == KxSynchronizationEvent &&
+        std::atomic_ref<UINT32>(event->state).exchange(0) == 0)
+        return false;
+    if (event->gate.watched) [[unlikely]]
+        announce_acquire_apart(event->state);
+    return true;
 }
 
 }  // namespace osal

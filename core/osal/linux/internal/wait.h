@@ -27,21 +27,6 @@ inline void restore_cancellation(int former) {
     if (former != PTHREAD_CANCEL_DEFERRED) pthread_setcanceltype(former, nullptr);
 }
 
-// As osal::Lock, with the platform's calls in line: an event is signalled, and waited for, in the
-// time of ten calls.
-class SCOPED_CAPABILITY InlineLock {
-  public:
-    explicit InlineLock(Mutex& mutex) ACQUIRE(mutex) : native_(&mutex.native) {
-        pthread_mutex_lock(native_);
-    }
-    ~InlineLock() RELEASE() { pthread_mutex_unlock(native_); }
-    InlineLock(const InlineLock&) = delete;
-    InlineLock& operator=(const InlineLock&) = delete;
-
-  private:
-    pthread_mutex_t* const native_;
-};
-
 // The realtime clock's time in so many microseconds. A time before the clock's zero becomes zero,
 // which has passed as well, and one past its end the end.
 timespec deadline_after(INT64 timeout_us);
