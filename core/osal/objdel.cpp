@@ -49,7 +49,7 @@ void ScheduleObjForDeletion(pObjectInfo oi, pObject ob) {
 void* ObjDeleteThread(HANDLE threadHandle, PVOID context) {
     auto* oi = static_cast<pObjectInfo>(context);
     PIOsal osal = oi->pIOsal;
-    lock(oi, KX_OBJECT_EXCLUSIVE);
+    lock(oi);
     if (!drain(oi)) {
         store(oi->objDeleteActive, FALSE);
         unlock(oi);

@@ -80,9 +80,9 @@ bool end_object(pObjectInfo oi, pObject ob, UINT32 accessType, UINT8 mark) {
     if (accessType != KX_OBJECT_NO_ACCESS) unlock_object(oi, ob);
     // A lock that was asked for may have to be waited for.
     if (marked(ob, kLockUsed))
-        lock(oi, KX_OBJECT_EXCLUSIVE);
+        lock(oi);
     else
-        lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
+        lock_briefly(oi);
     if (withdraw(oi, ob, mark, ours)) return true;
     unlock(oi);
     return false;
@@ -215,7 +215,7 @@ KCSTATUS ObjectCreate(PVOID pThis, PVOID pInitData, PKX_OBJECT_INIT_ROUTINE pIni
     PLIST_ENTRY bucket = oi != nullptr ? bucket_of(oi, CompareIndex) : nullptr;
     if (bucket == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectCreate", 266);
-    lock_for(oi, KX_OBJECT_EXCLUSIVE, pCompareRoutine, pInitRoutine);
+    lock_for(oi, pCompareRoutine, pInitRoutine);
     pObject ob =
         pCompareRoutine != nullptr ? first_match(bucket, pCompareRoutine, pCompareData) : nullptr;
     if (ob != nullptr) {
@@ -261,7 +261,7 @@ KCSTATUS ObjectDereference(PVOID pThis, PVOID pUserData, UINT32 accessType) {
     // A reference that is not the last one frees nothing and needs no lock. The object may be gone
     // right after.
     if (drop_unless_last(ob)) return KC_OK;
-    lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
+    lock_briefly(oi);
     if (drop_locked(oi, ob))
         torn_down();
     else
@@ -284,7 +284,7 @@ KCSTATUS ObjectCreateByHandle(PVOID pThis, HANDLE handle, PVOID pInitData,
     if (handle_slot(name) == 0 || handle_slot(name) > oi->objectsPerBlock)
         return fail(KC_CODE_INVALID_HANDLE, "ObjectCreateByHandle", 666);
     UINT32 mode = 0;
-    lock_for(oi, KX_OBJECT_EXCLUSIVE, pInitRoutine);
+    lock_for(oi, pInitRoutine);
     const KCSTATUS status = take_by_handle(oi, name, pInitRoutine, pInitData, ppUserData, &mode);
     unlock(oi);
     const UINT32 access = mode == KX_OBJECT_CREATED ? createAccess : openAccess;
@@ -298,7 +298,7 @@ KCSTATUS ObjectAllocate(PVOID pThis, PVOID* ppUserData) {
     pObjectInfo oi = usable(pThis);
     if (oi == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectAllocate", 1829);
-    lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
+    lock_briefly(oi);
     const KCSTATUS status = allocate_locked(oi, ppUserData);
     unlock(oi);
     return status;
@@ -315,7 +315,7 @@ Kept keep_object(pObjectInfo oi, pObject ob) {
     lock_object(oi, ob, KX_OBJECT_EXCLUSIVE);
     if (!has(ob, kEndingFlags)) return Kept::kYes;
     unlock_object(oi, ob);
-    lock(oi, KX_OBJECT_EXCLUSIVE);
+    lock(oi);
     return drop_locked(oi, ob) ? Kept::kTornDown : Kept::kNo;
 }
 

@@ -26,7 +26,7 @@ pObject resolve(pObjectInfo oi, UINT32 handle) {
 
 // The search changes nothing but the reference count, so the instance lock is taken shared.
 pObject reference_locked(pObjectInfo oi, UINT32 handle) {
-    lock_briefly(oi, KX_OBJECT_SHARED);
+    lock_shared_for(oi, nullptr);
     pObject ob = resolve(oi, handle);
     if (ob != nullptr) add_reference(oi, ob);
     unlock(oi);
@@ -168,7 +168,7 @@ KCSTATUS ObjectFind(PVOID pThis, PVOID pCompareData, PKX_OBJECT_COMPARE_ROUTINE 
     PLIST_ENTRY bucket = oi != nullptr ? bucket_of(oi, CompareIndex) : nullptr;
     if (bucket == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectFind", 1540);
-    lock_for(oi, KX_OBJECT_SHARED, pCompareRoutine);
+    lock_shared_for(oi, pCompareRoutine);
     pObject ob = first_match(bucket, pCompareRoutine, pCompareData);
     if (ob != nullptr) {
         add_reference(oi, ob);
@@ -208,7 +208,7 @@ KCSTATUS ObjectOpen(PVOID pThis, PVOID pInitData, PKX_OBJECT_INIT_ROUTINE pInitR
     PLIST_ENTRY bucket = oi != nullptr ? bucket_of(oi, CompareIndex) : nullptr;
     if (bucket == nullptr || ppUserData == nullptr)
         return fail(KC_CODE_INVALID_ARGUMENT, "ObjectOpen", 2192);
-    lock(oi, KX_OBJECT_EXCLUSIVE);
+    lock(oi);
     Kept kept = Kept::kNo;
     if (pObject ob = pCompareRoutine != nullptr ? first_match(bucket, pCompareRoutine, pCompareData)
                                                 : nullptr) {
@@ -228,7 +228,7 @@ KCSTATUS ObjectGetStats(PVOID pThis, PUINT32 pObjectsAllocated, PUINT32 pObjects
                         PUINT32 pObjectsPreallocated) {
     pObjectInfo oi = usable(pThis);
     if (oi == nullptr) return fail(KC_CODE_INVALID_ARGUMENT, "ObjectGetStats", 2407);
-    lock_briefly(oi, KX_OBJECT_SHARED);
+    lock_shared_for(oi, nullptr);
     if (pObjectsAllocated != nullptr) *pObjectsAllocated = oi->statsAllocated;
     if (pObjectsInUse != nullptr) *pObjectsInUse = oi->statsInUse;
     if (pObjectsPreallocated != nullptr) *pObjectsPreallocated = oi->statsPreallocated;
@@ -275,7 +275,7 @@ pObject first_match(PLIST_ENTRY bucket, PKX_OBJECT_COMPARE_ROUTINE compare, PVOI
 pObject scan_on(pObjectInfo oi, UINT32* resume, UINT8 excluded, PKX_OBJECT_COMPARE_ROUTINE compare,
                 PVOID data) {
     if (*resume == 0) *resume = kScanStart;
-    lock_for(oi, KX_OBJECT_SHARED, compare);
+    lock_shared_for(oi, compare);
     pObject ob = next_object(oi, *resume, excluded, compare, data);
     if (ob != nullptr) {
         *resume = resume_behind(oi, ob);

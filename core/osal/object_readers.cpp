@@ -6,16 +6,34 @@
 namespace osal {
 namespace {
 
-ReaderCell& own_cell(Readers& readers, std::uintptr_t thread) {
+constexpr unsigned kCellBits = 5;
+constinit ReaderCell cells[1 << kCellBits] = {};
+
+ReaderCell& cell_of(std::uintptr_t thread) {
     constexpr UINT64 kSpread = 0x9E3779B97F4A7C15;
-    return readers.cell[thread / 64 * kSpread >> (64 - Readers::kBits)];
+    return cells[thread / 64 * kSpread >> (64 - kCellBits)];
+}
+
+// To be called before a look begins. Sequentially consistent: whoever frees a block and does not
+// know of this thread yet is seen by all looks of it.
+[[gnu::noinline]] void note_looker(Lookers& lookers) {
+    std::uintptr_t found = Lookers::kNobody;
+    if (!lookers.thread.compare_exchange_strong(found, thread_token()))
+        lookers.thread.store(Lookers::kMany);
+}
+
+bool is_noted(const Lookers& lookers) {
+    const std::uintptr_t noted = lookers.thread.load();
+    return noted == thread_token() || noted == Lookers::kMany;
 }
 
 // Marks the calling thread as a reader for the scope. Nothing in it waits, calls out or can be
 // cancelled.
 class Reading {
   public:
-    explicit Reading(Readers& readers) : cell_(own_cell(readers, thread_token())) {
+    explicit Reading(Lookers& lookers) : cell_(cell_of(thread_token())) {
+        if (!is_noted(lookers)) [[unlikely]]
+            note_looker(lookers);
         owns_ = cell_.owner.load(std::memory_order_relaxed) == thread_token();
         if (owns_) [[likely]]
             enter_as_owner();
@@ -71,20 +89,17 @@ bool reference_plainly_live(pObject ob, UCHAR generation) {
 }  // namespace
 
 pObject reference_unlocked(pObjectInfo oi, UINT32 handle) {
-    Reading reading(oi->readers);
+    Reading reading(oi->lookers);
     pObject ob = named_slot(oi, handle);
     return ob != nullptr && reference_plainly_live(ob, handle_generation(handle)) ? ob : nullptr;
 }
 
 // The calling thread does not look, so its own mark needs no barrier.
-void await_readers(Readers& readers) {
-    bool foreign = false;
-    for (ReaderCell& cell : readers.cell) {
-        const std::uintptr_t owner = cell.owner.load();
-        foreign |= owner != 0 && owner != thread_token();
-    }
-    if (foreign) process_barrier();
-    for (ReaderCell& cell : readers.cell)
+void await_readers(pObjectInfo oi) {
+    const std::uintptr_t looker = oi->lookers.thread.load();
+    if (looker == Lookers::kNobody || looker == thread_token()) return;
+    process_barrier();
+    for (ReaderCell& cell : cells)
         while (cell.busy.load() != 0 || cell.others.load() != 0)
             pause_for_mark();
 }

@@ -15,7 +15,7 @@ void run_on(Turns& turns, std::uintptr_t owner) {
     if (!barrier_granted()) return;
     const UINT32 run = turns.run.load(std::memory_order_relaxed) + 1;
     turns.run.store(run, std::memory_order_relaxed);
-    if (owner == Bias::kEnded && run < turns.needed) return;
+    if (owner != Bias::kNobody && run < turns.needed) return;
     turns.needed = turns.needed == 0 ? kFirstRun : std::min(turns.needed * 2, kLongestRun);
     turns.bias.owner.store(turns.thread, std::memory_order_relaxed);
 }
@@ -26,7 +26,8 @@ void settle_bias(Turns& turns, bool exclusive) {
     const std::uintptr_t self = thread_token();
     const std::uintptr_t owner = turns.bias.owner.load(std::memory_order_acquire);
     if (owner == self) return;
-    if (owner != Bias::kNobody && owner != Bias::kEnded) end_bias(turns.bias);
+    if (owner != Bias::kNobody && owner != Bias::kEnded)
+        exclusive ? end_bias(turns.bias) : end_bias_shared(turns.bias);
     if (exclusive && turns.thread == 0) turns.thread = self;
     if (turns.thread != self) {
         if (turns.run.load(std::memory_order_relaxed) != 0)

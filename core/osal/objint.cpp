@@ -97,7 +97,7 @@ void run_unlocked(pObjectInfo oi, PKX_OBJECT_ROUTINE routine, pObject ob) {
     if (routine == nullptr) return;
     unlock(oi);
     routine(data_of(ob));
-    lock_briefly(oi, KX_OBJECT_EXCLUSIVE);
+    lock_briefly(oi);
 }
 
 BOOLEAN acquire(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect, UINT32 accessType) {
@@ -263,7 +263,7 @@ void InstanceRelease(pObjectInfo oi) {
         return;
     }
     if (oi->pHashListArray != nullptr) delete_all(oi);
-    if (oi->protect.handle != nullptr) lock(oi, KX_OBJECT_EXCLUSIVE);
+    if (oi->protect.handle != nullptr) lock(oi);
     store(oi->flags, load(oi->flags) | OI_FLAG_RUNDOWN);
     if (free_allocated(oi) || free_empty_blocks(oi)) return;
     if (oi->statsAllocated != 0)

@@ -1,4 +1,6 @@
 // Operations of the object manager that make and end objects.
+#include <numeric>
+
 #include "support/faults.h"
 #include "support/object_test.h"
 
@@ -597,17 +599,70 @@ TEST_P(ObjectOperations, AHandleWithoutMemoryFails) {
     end(high);
 }
 
-// Blocks of every 256 ids are entered in a part of their own of the index.
+// Blocks but the first few are entered in parts of the index: one for all, and one for each 256
+// ids.
 TEST_P(ObjectOperations, AHandleWithoutMemoryForTheIndexFails) {
     start();
-    PVOID data = kUntouched;
-    {
-        HeapFault no_memory(2);
-        EXPECT_EQ(by_handle(0x01010100, &data, nullptr), object_error(5));
+    const Holdings started = holdings();
+    for (const UINT32 handle : {0x01010020u, 0x01010100u})
+        for (int request : {2, 3}) {
+            PVOID data = kUntouched;
+            {
+                HeapFault no_memory(request);
+                EXPECT_EQ(by_handle(handle, &data, nullptr), object_error(5));
+            }
+            expect_built(5, "ObjectCreateByHandle", 843);
+            EXPECT_EQ(block_ids(), Numbers{});
+            EXPECT_EQ(stats(), (Stats{0, 0, 0}));
+            EXPECT_EQ(holdings(), started);
+        }
+}
+
+TEST_P(ObjectOperations, ManagersOfFewBlocksTakeNoMemoryForTheIndex) {
+    start();
+    const UINT32 paged = holdings().values[1];
+    PVOID first = nullptr, last = nullptr;
+    ASSERT_EQ(by_handle(0x01010001, &first, nullptr), KC_OK);
+    const UINT32 a_block = holdings().values[1] - paged;
+    ASSERT_EQ(by_handle(0x0101001F, &last, nullptr), KC_OK);
+    EXPECT_EQ(holdings().values[1] - paged, 2 * a_block);
+    end(first);
+    end(last);
+}
+
+// The lowest block with room is taken, and the lowest unused id, on both sides of the border
+// between the two ways in which blocks are found.
+TEST_P(ObjectOperations, BlocksAreFoundAcrossTheBorderOfTheIndex) {
+    start({.per_block = 1});
+    std::vector<PVOID> objects;
+    for (UINT32 id = 1; id <= 300; ++id) {
+        objects.push_back(create(id));
+        ASSERT_EQ(raw(objects.back()), 0x01010000 | id);
     }
-    expect_built(5, "ObjectCreateByHandle", 843);
-    EXPECT_EQ(block_ids(), Numbers{});
-    EXPECT_EQ(stats(), (Stats{0, 0, 0}));
+    for (UINT32 id : {1u, 30u, 31u, 32u, 33u, 255u, 256u, 300u}) {
+        end(objects[id - 1]);
+        EXPECT_EQ(block(id), nullptr);
+        EXPECT_EQ(reference(handle_from(0x01010000 | id)), nullptr);
+        objects[id - 1] = create(id);
+        EXPECT_EQ(raw(objects[id - 1]), 0x01010000 | id);
+    }
+    Numbers ids(300);
+    std::iota(ids.begin(), ids.end(), 1u);
+    EXPECT_EQ(block_ids(), ids);
+    for (UINT32 id = 1; id <= 300; ++id) {
+        EXPECT_EQ(reference(handle_from(0x01010000 | id)), objects[id - 1]);
+        om.DereferenceObject(info, objects[id - 1], 0);
+    }
+    HANDLE scan = osal::handle_from(0x01000000 | 29);
+    for (UINT32 id = 29; id <= 300; ++id) {
+        PVOID data = nullptr;
+        ASSERT_EQ(om.EnumerateObjects(info, &scan, nullptr, nullptr, 0, &data), KC_OK);
+        EXPECT_EQ(data, objects[id - 1]);
+        om.DereferenceObject(info, data, 0);
+    }
+    for (PVOID data : objects)
+        end(data);
+    EXPECT_EQ(info->index.root, nullptr);
 }
 
 TEST_P(ObjectOperations, AnInitErrorOfAHandleIsReturnedUnchanged) {

@@ -2,6 +2,7 @@
 // and that no two turns overlap.
 //
 // OSAL_STRESS_ROUNDS multiplies the rounds.
+#include <algorithm>
 #include <barrier>
 #include <cstdlib>
 
@@ -44,7 +45,7 @@ TEST_P(ObjectTurns, AreBiasedToTheFirstThread) {
         EXPECT_EQ(info->turns.bias.owner, osal::Bias::kNobody);
         turn_twice();
         EXPECT_TRUE(is_mine());
-        EXPECT_EQ(info->turns.bias.busy, 0u);
+        EXPECT_EQ(info->turns.bias.busy, osal::Inside::kNot);
         release();
         make();
     }
@@ -147,6 +148,65 @@ TEST_P(ObjectTurns, WaitForAClientRoutineOfTheThreadWithTheBias) {
               KC_OK);
     other->join();
     EXPECT_TRUE(looked);
+    end(data);
+}
+
+// Those of a mutex are not shared: the second look begins when the first one has ended.
+TEST_P(ObjectTurns, WithACompareRoutineExcludeEachOtherUnderAMutex) {
+    static std::atomic<int> inside, most;
+    inside = most = 0;
+    start({.level = 3});
+    PVOID data = make_one();
+    turn_twice();
+    EXPECT_TRUE(is_mine());
+    const auto look = [&] {
+        PVOID found = nullptr;
+        om.FindObject(
+            info, nullptr,
+            [](PVOID, PVOID) -> BOOLEAN {
+                most = std::max(most.load(), ++inside);
+                nap(milliseconds(20));
+                --inside;
+                return FALSE;
+            },
+            0, 0, &found);
+    };
+    RawThread other(look);
+    look();
+    other.join();
+    EXPECT_EQ(most, 1);
+    end(data);
+}
+
+// The owner looks by its bias; a second look passes it, a change waits for both.
+TEST_P(ObjectTurns, ThatChangeSomethingWaitForSharedOnesOfTheThreadWithTheBias) {
+    start();
+    PVOID data = make_one();
+    turn_twice();
+    EXPECT_TRUE(is_mine());
+    std::atomic<bool> changed = false;
+    std::optional<RawThread> changer;
+    static std::function<void()> inside;
+    inside = [&] {
+        RawThread([&] { EXPECT_EQ(stats().in_use, 1u); }).join();
+        changer.emplace([&] {
+            turn_twice();
+            changed = true;
+        });
+        nap(milliseconds(20));
+        EXPECT_FALSE(changed);
+    };
+    PVOID found = nullptr;
+    om.FindObject(
+        info, nullptr,
+        [](PVOID, PVOID) -> BOOLEAN {
+            inside();
+            return FALSE;
+        },
+        0, 0, &found);
+    changer->join();
+    EXPECT_TRUE(changed);
+    EXPECT_TRUE(is_ended());
     end(data);
 }
 

@@ -91,7 +91,7 @@ TEST_F(PoolLock, IsBiasedToItsFirstThread) {
     guarded.add();
     guarded.add();
     EXPECT_TRUE(guarded.biased_to(osal::thread_token()));
-    EXPECT_EQ(guarded.bias.busy, 0u);
+    EXPECT_EQ(guarded.bias.busy, osal::Inside::kNot);
 }
 
 TEST_F(PoolLock, LosesItsBiasForGoodToASecondThread) {

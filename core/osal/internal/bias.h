@@ -17,6 +17,9 @@
 
 namespace osal {
 
+// How the owner is inside.
+enum class Inside : UINT32 { kNot = 0, kExclusively, kShared };
+
 // Who a lock is biased to. All zero: nobody yet.
 struct Bias {
     static constexpr std::uintptr_t kNobody = 0;
@@ -24,31 +27,38 @@ struct Bias {
     static constexpr std::uintptr_t kEnding = 2;
 
     std::atomic<std::uintptr_t> owner;  // thread_token(), or one of the above
-    std::atomic<UINT32> busy;           // 1 while the owner is inside
+    std::atomic<Inside> busy;
 };
 
-// True if the calling thread is inside by its bias; it then leaves with leave_biased.
-inline bool enter_biased(Bias& bias) {
+// True if the calling thread is inside by its bias; it then leaves with leave_biased. False also if
+// it is inside already.
+inline bool enter_biased(Bias& bias, Inside how = Inside::kExclusively) {
     const std::uintptr_t self = thread_token();
     if (bias.owner.load(std::memory_order_relaxed) != self) [[unlikely]]
         return false;
     // A thread that got the control block of one that is gone continues its bias; this orders its
     // section behind the last one of that thread.
-    (void)bias.busy.load(std::memory_order_acquire);
-    bias.busy.store(1, std::memory_order_relaxed);
+    if (bias.busy.load(std::memory_order_acquire) != Inside::kNot) [[unlikely]]
+        return false;
+    // A release for those who share: they are behind what the owner did before.
+    bias.busy.store(how, std::memory_order_release);
     std::atomic_signal_fence(std::memory_order_seq_cst);  // made a real one by process_barrier
     if (bias.owner.load(std::memory_order_acquire) == self) [[likely]]
         return true;
-    bias.busy.store(0, std::memory_order_release);
+    bias.busy.store(Inside::kNot, std::memory_order_release);
     return false;
 }
 
 inline void leave_biased(Bias& bias) {
-    bias.busy.store(0, std::memory_order_release);
+    bias.busy.store(Inside::kNot, std::memory_order_release);
 }
 
 // Ends another thread's bias and waits until that thread is out. Caller holds the lock, so that
-// nobody begins a bias meanwhile; if it holds it shared, others may end the bias at the same time.
+// nobody begins a bias meanwhile.
 void end_bias(Bias& bias);
+
+// The same for a caller that holds the lock shared: the owner may be inside in the same way, and
+// others may be ending the bias.
+void end_bias_shared(Bias& bias);
 
 }  // namespace osal

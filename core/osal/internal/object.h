@@ -51,7 +51,7 @@ static_assert(sizeof(ProtectToken) == 16);
 // constant. flags: changed under the instance lock, read without it as well. The lists but the
 // buckets' array, the statistics, index: guarded by the instance lock, exclusively for a change.
 // objDeleteActive: likewise, but for the work item, which clears it. turns: see object_turns.h.
-// readers: atomic.
+// lookers: atomic.
 // pfDebug, Hash, Initialize, Compare: never set; part of the record only.
 typedef struct _ObjectInfo {
     const IOMVtbl* lpVtbl;
@@ -84,7 +84,7 @@ typedef struct _ObjectInfo {
     UINT64 stride;  // bytes from slot to slot: objectSize rounded up to 8, not cut to 32 bits
     osal::Turns turns;
     osal::BlockIndex index;
-    osal::Readers readers;
+    osal::Lookers lookers;
 } ObjectInfo, *pObjectInfo;
 static_assert(offsetof(ObjectInfo, lpVtbl) == 0);
 static_assert(offsetof(ObjectInfo, cReference) == 8);
@@ -232,26 +232,32 @@ inline pObjectInfo usable(PVOID pThis) {
     return oi != nullptr && (load(oi->flags) & OI_FLAG_INITIALIZED) != 0 ? oi : nullptr;
 }
 
-// Turns of the instance lock, brief or not (object_turns.h). access: KX_OBJECT_EXCLUSIVE or
-// KX_OBJECT_SHARED.
-inline void lock(pObjectInfo oi, UINT32 access) {
-    InternalAcquire(oi, oi->accessLevel, &oi->protect, access);
+// Turns of the instance lock (object_turns.h): any, brief ones, those that run client routines,
+// which may be null, and shared ones that do.
+inline void lock(pObjectInfo oi) {
+    InternalAcquire(oi, oi->accessLevel, &oi->protect, KX_OBJECT_EXCLUSIVE);
 }
-inline void lock_briefly(pObjectInfo oi, UINT32 access) {
-    if (!enter_biased(oi->turns.bias)) lock(oi, access);
+inline void lock_briefly(pObjectInfo oi) {
+    if (!enter_biased(oi->turns.bias)) lock(oi);
 }
-// For a section that runs these client routines, which may be null.
 template <class... Routines>
-void lock_for(pObjectInfo oi, UINT32 access, Routines... routines) {
+void lock_for(pObjectInfo oi, Routines... routines) {
     if ((... || (routines != nullptr)))
-        lock(oi, access);
+        lock(oi);
     else
-        lock_briefly(oi, access);
+        lock_briefly(oi);
+}
+// Nobody shares a mutex.
+inline void lock_shared_for(pObjectInfo oi, PKX_OBJECT_COMPARE_ROUTINE routine) {
+    if (oi->accessLevel == KX_OBJECT_LEVEL_MUTEX) return lock_for(oi, routine);
+    if (!enter_biased(oi->turns.bias, Inside::kShared))
+        InternalAcquire(oi, oi->accessLevel, &oi->protect, KX_OBJECT_SHARED);
 }
 // Another thread may be found busy for a moment: one whose bias was ended and that finds out.
 inline void unlock(pObjectInfo oi) {
     Turns& turns = oi->turns;
-    if (turns.thread == thread_token() && turns.bias.busy.load(std::memory_order_relaxed) != 0)
+    if (turns.thread == thread_token() &&
+        turns.bias.busy.load(std::memory_order_relaxed) != Inside::kNot)
         leave_biased(turns.bias);
     else
         InternalRelease(oi, oi->accessLevel, &oi->protect);

@@ -1,10 +1,11 @@
 // Index of an instance's blocks beside its sorted block list: finds a block by id, the lowest block
 // with a free slot, the next block in order and the lowest unused id, all in constant time.
 //
-// Two levels of 256: a root with one leaf for each 256 ids. Leaves beyond the first come from the
-// paged pool with the first block of their range and go with its last one, so the index is as empty
-// as the instance. Guarded by the instance lock like the list it mirrors; the pointers alone are
-// also read without it (object_readers.h), from leaf to block.
+// The blocks with the lowest ids lie in the instance itself, so that one with few objects is small.
+// For the others there are two levels of 256: a root, and one leaf for each 256 ids. Both come from
+// the paged pool with the first block of their range and go with its last one, so the index is as
+// empty as the instance. Guarded by the instance lock like the list it mirrors; the pointers alone
+// are also read without it (object_readers.h), from root to block.
 #pragma once
 
 #include "osal/types.h"
@@ -41,18 +42,27 @@ struct Set256 {
     }
 };
 
+// Blocks by the upper and the lower half of their id.
 struct IndexLeaf {
     pBlockHeader block[256];
     Set256 used;  // ids that have a block
     Set256 room;  // those of blocks with a free slot
 };
-
-struct BlockIndex {
+struct IndexRoot {
     IndexLeaf* leaf[256];
     Set256 used;  // leaves with a block
     Set256 full;  // leaves without an unused id
     Set256 room;  // leaves with a block that has a free slot
-    IndexLeaf first;
+};
+
+// All zero: empty.
+struct BlockIndex {
+    static constexpr UINT32 kFew = 32;
+
+    IndexRoot* root;         // of ids from kFew on; null: there are none
+    pBlockHeader few[kFew];  // of those below
+    UINT32 few_used;         // a bit an id, likewise
+    UINT32 few_room;
 };
 
 // All results are null where there is no such block.

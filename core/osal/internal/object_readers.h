@@ -14,10 +14,11 @@
 // - The memory: whoever looks marks itself as a reader for the time. A block (and its part of the
 //   index) is freed after its entry was cleared and every reader was seen outside once.
 //
-// Threads: each has one of the instance's cells, by a hash. The first thread of a cell owns it and
+// Threads: each has one cell of the library's, by a hash. The first thread of a cell owns it and
 // marks itself with plain stores, which the freeing of a block makes up for with a process-wide
 // barrier (barrier.h); others that fall on the cell count themselves in. So a look-up writes no
-// word that another thread writes, but for the object's.
+// word that another thread writes, but for the object's. An instance notes which thread looks into
+// it: as long as that is the one that frees a block, there is nobody to wait for.
 #pragma once
 
 #include <atomic>
@@ -32,22 +33,24 @@ namespace osal {
 
 // All zero: no reader, no owner. An owner stays, gone or not; the next thread with its control
 // block goes on as the owner.
-struct ReaderCell {
+struct alignas(128) ReaderCell {
     std::atomic<std::uintptr_t> owner;  // thread_token(), or 0
     std::atomic<UINT32> busy;           // 1 while the owner looks
     std::atomic<UINT32> others;         // how many others look
-    char apart[112];                    // two cells share no cache line
 };
 
-struct Readers {
-    static constexpr unsigned kBits = 4;
-    ReaderCell cell[1 << kBits];
+// Who looks into an instance without its lock: nobody, one thread or many.
+struct Lookers {
+    static constexpr std::uintptr_t kNobody = 0;
+    static constexpr std::uintptr_t kMany = 1;
+    std::atomic<std::uintptr_t> thread;  // thread_token(), or one of the above
 };
 
 // The object that a handle names, with a reference added. Null: ask again under the instance lock.
 pObject reference_unlocked(pObjectInfo oi, UINT32 handle);
 
-// Waits until every look-up that was under way has ended. Caller holds the instance lock.
-void await_readers(Readers& readers);
+// Waits until every look-up into an instance that was under way has ended. Caller holds the
+// instance lock.
+void await_readers(pObjectInfo oi);
 
 }  // namespace osal

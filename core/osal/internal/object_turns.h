@@ -2,11 +2,12 @@
 //
 // Two turns of a lock of the services cost more than all the rest of a creation and a deletion, and
 // most instances are used by one thread at a time. So the instance lock is biased (bias.h) to the
-// first thread that takes it exclusively: that thread's brief turns need no lock of the services.
-// A brief turn runs no client routine and waits for nothing, so that whoever ends the bias hardly
-// waits either. Every other turn takes the lock of the services, also by the thread that has the
-// bias, and ends another thread's. That thread gets the bias back when it has taken the lock many
-// times in a row; how many doubles each time, so that threads which take turns stay with the lock.
+// first thread that takes it exclusively: that thread's brief turns and its shared ones need no
+// lock of the services. A brief turn runs no client routine and waits for nothing, so that whoever
+// ends the bias hardly waits either; others who share the lock pass a shared one. Every other turn
+// takes the lock of the services, also by the thread that has the bias, and ends another thread's.
+// That thread gets the bias back when it has taken the lock many times in a row; how many doubles
+// each time, so that threads which take turns stay with the lock.
 #pragma once
 
 #include "osal/internal/bias.h"
