@@ -56,8 +56,7 @@ class Reading {
         cell_.busy.store(1, std::memory_order_relaxed);
         std::atomic_signal_fence(std::memory_order_seq_cst);  // made a real one by process_barrier
     }
-    // Becomes the owner from the next look on if there is none. Sequentially consistent: whoever
-    // frees a block and sees no owner yet is seen by all looks of this one.
+    // Becomes the owner from the next look on if there is none.
     [[gnu::noinline]] void enter_beside_owner() {
         cell_.others.fetch_add(1);
         std::uintptr_t nobody = 0;
@@ -94,11 +93,11 @@ pObject reference_unlocked(pObjectInfo oi, UINT32 handle) {
     return ob != nullptr && reference_plainly_live(ob, handle_generation(handle)) ? ob : nullptr;
 }
 
-// The calling thread does not look, so its own mark needs no barrier.
+// The calling thread itself does not look. Where the barrier was not granted, no cell has an owner.
 void await_readers(pObjectInfo oi) {
     const std::uintptr_t looker = oi->lookers.thread.load();
     if (looker == Lookers::kNobody || looker == thread_token()) return;
-    process_barrier();
+    if (barrier_granted()) process_barrier();
     for (ReaderCell& cell : cells)
         while (cell.busy.load() != 0 || cell.others.load() != 0)
             pause_for_mark();

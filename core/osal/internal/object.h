@@ -82,9 +82,9 @@ typedef struct _ObjectInfo {
 
     // Behind the stated fields.
     UINT64 stride;  // bytes from slot to slot: objectSize rounded up to 8, not cut to 32 bits
+    osal::Lookers lookers;
     osal::Turns turns;
     osal::BlockIndex index;
-    osal::Lookers lookers;
 } ObjectInfo, *pObjectInfo;
 static_assert(offsetof(ObjectInfo, lpVtbl) == 0);
 static_assert(offsetof(ObjectInfo, cReference) == 8);

@@ -59,10 +59,10 @@ struct IndexRoot {
 struct BlockIndex {
     static constexpr UINT32 kFew = 32;
 
-    IndexRoot* root;         // of ids from kFew on; null: there are none
-    pBlockHeader few[kFew];  // of those below
-    UINT32 few_used;         // a bit an id, likewise
+    IndexRoot* root;  // of ids from kFew on; null: there are none
+    UINT32 few_used;  // of those below: a bit an id, likewise
     UINT32 few_room;
+    pBlockHeader few[kFew];
 };
 
 // All results are null where there is no such block.
