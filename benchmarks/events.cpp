@@ -14,22 +14,8 @@
 #include <unistd.h>
 
 #include "library.h"
+#include "peers.h"
 #include "team.h"
-#ifdef HAVE_ABSEIL
-#include <absl/synchronization/mutex.h>
-#endif
-#ifdef HAVE_APR
-#include <apr_general.h>
-#include <apr_thread_cond.h>
-#include <apr_thread_mutex.h>
-#endif
-#ifdef HAVE_GLIB
-#include <glib.h>
-#endif
-#ifdef HAVE_NSPR
-#include <prcvar.h>
-#include <prlock.h>
-#endif
 
 namespace {
 
@@ -314,22 +300,6 @@ void wait_any(bench::Report& report, PIOsal osal, UINT32 count) {
                   }}});
 }
 
-void say_what_is_missing(bench::Report& report) {
-#ifndef HAVE_ABSEIL
-    report.missing("Abseil");
-#endif
-#ifndef HAVE_APR
-    report.missing("APR");
-#endif
-#ifndef HAVE_GLIB
-    report.missing("GLib");
-#endif
-#ifndef HAVE_NSPR
-    report.missing("NSPR");
-#endif
-    (void)report;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -339,10 +309,7 @@ int main(int argc, char** argv) {
                           "wake after unlocking and only if the flag was not set. A ping-pong is a "
                           "round trip between two threads.",
                           "events"});
-    say_what_is_missing(report);
-#ifdef HAVE_APR
-    apr_initialize();
-#endif
+    bench::use_peers(report);
     bench::Library library;
     bench::Instance osal;
     report.race("Set and reset", "nobody waits", 1, of_each_kind<SetReset>(PIOsal(osal)));

@@ -7,22 +7,7 @@
 
 #include "harness.h"
 #include "library.h"
-#ifdef HAVE_ABSEIL
-#include <absl/synchronization/mutex.h>
-#endif
-#ifdef HAVE_APR
-#include <apr_general.h>
-#include <apr_thread_mutex.h>
-#include <apr_thread_rwlock.h>
-#endif
-#ifdef HAVE_GLIB
-#include <glib.h>
-#endif
-#ifdef HAVE_NSPR
-#include <prlock.h>
-#include <prmon.h>
-#include <prrwlock.h>
-#endif
+#include "peers.h"
 #ifdef HAVE_TBB
 #include <tbb/spin_mutex.h>
 #include <tbb/spin_rw_mutex.h>
@@ -210,20 +195,7 @@ void read_write(bench::Report& report, PIOsal osal, bool write) {
 int main(int argc, char** argv) {
     bench::Report report(argc, argv,
                          {"locks", "Locks without contention", "acquisition and release", "", ""});
-#ifdef HAVE_APR
-    apr_initialize();
-#else
-    report.missing("APR");
-#endif
-#ifndef HAVE_ABSEIL
-    report.missing("Abseil");
-#endif
-#ifndef HAVE_GLIB
-    report.missing("GLib");
-#endif
-#ifndef HAVE_NSPR
-    report.missing("NSPR");
-#endif
+    bench::use_peers(report);
 #ifndef HAVE_TBB
     report.missing("TBB");
 #endif
