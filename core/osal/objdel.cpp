@@ -3,7 +3,8 @@
 //
 // Locks: the instance lock guards the queue and objDeleteActive. Threads: one an instance at most,
 // started with the first queued object; it ends when it finds the queue empty or has freed the
-// instance with its last object.
+// instance with its last object, and shutdown waits for it (internal/deletion_threads.h).
+#include "osal/internal/deletion_threads.h"
 #include "osal/internal/object.h"
 
 using namespace osal;
@@ -18,8 +19,11 @@ namespace {
 
 bool start_thread(pObjectInfo oi) {
     HANDLE thread = nullptr;
-    return !is_error(service<&IOsalVtbl::KxCreateThread>(
-        oi->pIOsal, KX_PRIORITY{KX_PRIORITY_NORMAL}, &ObjDeleteThread, PVOID{oi}, &thread));
+    expect_deletion_thread();
+    const KCSTATUS status = service<&IOsalVtbl::KxCreateThread>(
+        oi->pIOsal, KX_PRIORITY{KX_PRIORITY_NORMAL}, &ObjDeleteThread, PVOID{oi}, &thread);
+    if (is_error(status)) give_up_deletion_thread();
+    return !is_error(status);
 }
 
 // Frees what is queued. TRUE: the instance went with it. Caller holds the instance lock.
@@ -49,11 +53,13 @@ void ScheduleObjForDeletion(pObjectInfo oi, pObject ob) {
 void* ObjDeleteThread(HANDLE threadHandle, PVOID context) {
     auto* oi = static_cast<pObjectInfo>(context);
     PIOsal osal = oi->pIOsal;
+    enter_deletion_thread();
     lock(oi);
     if (!drain(oi)) {
         store(oi->objDeleteActive, FALSE);
         unlock(oi);
     }
+    leave_deletion_thread();
     service<&IOsalVtbl::KxExitThread>(osal, threadHandle, KC_OK, TRUE);
     return nullptr;
 }

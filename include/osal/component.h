@@ -56,13 +56,15 @@ KCSTATUS DllStart(void);
 
 /* To be called once before the library is unloaded. Shuts the library down (OsalUninitialize) and
  * closes the system log. The result carries no meaning. A second call is harmless. When it returns
- * every thread of the library has ended, so that the library may be unloaded at once. Not to be
- * called from a timer or work-item routine, which it would wait for. */
+ * every thread of the library has ended, so that the library may be unloaded at once, unless a
+ * thread that a client started is still on its way out (osal/thread.h). Not to be called from a
+ * timer, work-item or delete routine, which it would wait for. */
 KCSTATUS DllStop(void);
 
-/* Stops the library's own threads, waits for them without a time-out, and releases what start-up
- * took. Always returns 0. There is no way back: the library stays stopped until it is loaded anew.
- * A second call is harmless; not for use beside other calls into the library. */
+/* Stops the library's own threads, waits for them without a time-out, also for the deferred
+ * deletions of objects that are under way, and releases what start-up took. Always returns 0. There
+ * is no way back: the library stays stopped until it is loaded anew. A second call is harmless; not
+ * for use beside other calls into the library. */
 KCSTATUS OsalUninitialize(void);
 
 /* Maps a status to the result of a component entry point. Only the code counts: 0 gives 0, 2 gives

@@ -49,7 +49,9 @@ typedef BOOLEAN (*PKX_OBJECT_COMPARE_ROUTINE)(PVOID pUserData, PVOID pCompareDat
 enum { KX_OBJECT_NO_ACCESS = 0, KX_OBJECT_EXCLUSIVE = 1, KX_OBJECT_SHARED = 2 };
 
 /* Kinds of locks of an instance and its objects; or'ed with KX_OBJECT_DEFERRED, the delete and
- * deallocate routines run on a thread of their own, in the order in which the objects ended. */
+ * deallocate routines run on a thread of the library's, in the order in which the objects ended and
+ * with all signals blocked but those of a fault. They must return: they may neither end that thread
+ * nor throw. Shutdown of the library waits for them. */
 #define KX_OBJECT_LEVEL_LOCK 0u  /* read/write locks */
 #define KX_OBJECT_LEVEL_SPIN 2u  /* the same as 0, in the paged pool */
 #define KX_OBJECT_LEVEL_MUTEX 3u /* mutexes: shared access is exclusive too */
@@ -81,7 +83,8 @@ enum { KX_OBJECT_CREATED = 1, KX_OBJECT_OPENED = 2 };
  *
  * CreateObjectByHandle: creates the object of a (raw) handle, or references the one in its slot,
  * whose handle it then becomes. Only with one bucket, else code 4. Code 3: no such slot, or its
- * object is being freed. Code 5: block 0, no block, no lock. *pOpenedMode is 0 after a failure.
+ * object is being freed. Code 5: block 0, no block, no lock. *pOpenedMode is 0 after a failure of
+ * the creation, and untouched after code 4 or a slot that no block has.
  *
  * AllocateObject: makes a preallocated object with one reference, which is found by handle and
  * enumeration only until OpenObject takes it. Code 5: no block, no lock.

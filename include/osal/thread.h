@@ -9,6 +9,10 @@
  * A handle is known by its signature alone. Code 3 stands for a null handle, a handle of another
  * kind, and the handle of a destroyed record whose memory was not used again. A record is not to be
  * destroyed while another thread uses its handle. All functions are safe on any thread.
+ *
+ * A thread needs the library's code until it is gone: for a moment still after the waits for it
+ * have returned, and while destructors of its routine's frames run. DllStop does not wait for that.
+ * The library is not to be unloaded before.
  */
 #ifndef OSAL_THREAD_H
 #define OSAL_THREAD_H

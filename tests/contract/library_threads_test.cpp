@@ -533,6 +533,7 @@ TEST_F(ForkChild, MayShutDownWhileTheParentHeldTheQueues) {
 
 // A child has threads of its own, and they hold locks like others when one of them forks.
 TEST_F(ForkChild, OfAForkChildFindsTheLocksFreeToo) {
+    SKIP_THREADS_OF_CHILDREN_UNDER_THREAD_SANITIZER();
     EXPECT_TRUE(holds_in_child([] {
         std::atomic<bool> held = false;
         std::thread([&] {

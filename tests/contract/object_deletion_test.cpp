@@ -1,4 +1,6 @@
 // Deferred deletion of the object manager.
+#include <signal.h>
+
 #include "support/object_test.h"
 
 namespace osal_test {
@@ -229,6 +231,51 @@ TEST_P(ObjectDeletion, AReferencedObjectKeepsATornDownInstanceUntilItIsFreed) {
     ASSERT_TRUE(eventually([&] { return holdings() == before; }));
     EXPECT_EQ(recorded.deletions(), Numbers{7});
     expect_nothing_built();
+}
+
+TEST_P(ObjectDeletion, ItsThreadHasItsNameAndLeavesSignalsAlone) {
+    start({.level = 0x10000000});
+    std::string name;
+    sigset_t blocked;
+    recorded.on_delete = [&](UINT32) {
+        char text[16];
+        pthread_getname_np(pthread_self(), text, sizeof text);
+        name = text;
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    };
+    end(create(1));
+    ASSERT_TRUE(drained(1));
+    EXPECT_EQ(name, "osal-deletion");
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
+}
+
+TEST_P(ObjectDeletion, ShutdownWaitsForIt) {
+    start({.level = 0x10000000});
+    hold_first();
+    end(create(1));
+    ASSERT_TRUE(first_is_held());
+    end(create(2));
+    EXPECT_EQ(release(), 0u);
+    RawThread stopper([] { OsalUninitialize(); });
+    nap(milliseconds(50));
+    EXPECT_FALSE(stopper.done());
+    open = true;
+    stopper.join();
+    EXPECT_EQ(recorded.deletions(), (Numbers{1, 2}));
+    EXPECT_EQ(osal::load(g_OsalCurrentThreads), 0);
+    EXPECT_EQ(holdings(), before);
+}
+
+TEST_P(ObjectDeletion, ShutdownDoesNotWaitForAThreadThatCouldNotBeStarted) {
+    start({.level = 0x10000000});
+    refuse_threads = true;
+    end(create(1));
+    EXPECT_EQ(threads_refused, 1);
+    OsalUninitialize();
+    refuse_threads = false;
+    end(create(2));
+    ASSERT_TRUE(drained(2));
 }
 
 }  // namespace

@@ -548,6 +548,7 @@ TEST_P(ObjectOperations, HandlesNeedAnInstanceWithOneBucket) {
     EXPECT_EQ(by_handle(0x01010001, &data, &mode), object_error(4));
     expect_built(4, "ObjectCreateByHandle", 643);
     EXPECT_EQ(data, kUntouched);
+    EXPECT_EQ(mode, 99u);
 }
 
 TEST_P(ObjectOperations, SlotsThatNoBlockHasAreRefusedBeforeABlockIsMade) {

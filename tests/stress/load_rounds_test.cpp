@@ -1,5 +1,6 @@
-// Load, start, use, stop and unload, over and over, with timers and work items pending at the stop:
-// when DllStop has returned no thread of the library may be left, nor any of its code be needed.
+// Load, start, use, stop and unload, over and over, with timers, work items and deferred deletions
+// pending at the stop: when DllStop has returned no thread of the library may be left, nor any of
+// its code be needed.
 //
 // OSAL_TEST_ROUNDS sets the number of rounds.
 #include <dirent.h>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "osal/iom.h"
 #include "osal/osal.h"
 #include "support/sizes.h"
 
@@ -23,11 +25,18 @@ constexpr const char* kLibrary = OSAL_LIBRARY_DIR "/osal.so";
 // What the stop leaves unfreed, by contract; kept to the end so that it is no leak.
 auto& left_behind = *new std::vector<void*>;
 std::atomic<int> runs;
+std::atomic<int> deletions;
 
 void* linger(HANDLE, void* context) {
     usleep(static_cast<useconds_t>(reinterpret_cast<uintptr_t>(context)));
     ++runs;
     return nullptr;
+}
+
+KCSTATUS delete_slowly(PVOID) {
+    usleep(1'000);
+    ++deletions;
+    return KC_OK;
 }
 
 std::size_t thread_count() {
@@ -46,19 +55,18 @@ Function* find(void* library, const char* name) {
     return reinterpret_cast<Function*>(address);
 }
 
-PIOsal start(void* library) {
-    find<decltype(DllStart)>(library, "DllStart")();
-    const auto* service_class = static_cast<const GUID*>(dlsym(library, "CLSID_OrvaneOsal"));
-    const auto* factory_id = static_cast<const GUID*>(dlsym(library, "IID_IClassFactory"));
-    const auto* service_id = static_cast<const GUID*>(dlsym(library, "IID_IOrvaneOsal_1"));
+template <class Interface>
+Interface* make(void* library, const char* class_name, const char* interface_name) {
     void *factory = nullptr, *instance = nullptr;
-    EXPECT_EQ(find<decltype(DllGetClassObject)>(library, "DllGetClassObject")(service_class,
-                                                                              factory_id, &factory),
+    EXPECT_EQ(find<decltype(DllGetClassObject)>(library, "DllGetClassObject")(
+                  find<const GUID>(library, class_name),
+                  find<const GUID>(library, "IID_IClassFactory"), &factory),
               KC_S_OK);
     auto* class_factory = static_cast<LCM_IClassFactory*>(factory);
-    EXPECT_EQ(class_factory->lpVtbl->CreateInstance(class_factory, nullptr, service_id, &instance),
+    EXPECT_EQ(class_factory->lpVtbl->CreateInstance(
+                  class_factory, nullptr, find<const GUID>(library, interface_name), &instance),
               KC_OK);
-    return static_cast<PIOsal>(instance);
+    return static_cast<Interface*>(instance);
 }
 
 void queue_more_than_will_run(PIOsal osal, std::mt19937& random) {
@@ -74,13 +82,33 @@ void queue_more_than_will_run(PIOsal osal, std::mt19937& random) {
     }
 }
 
+// Their deletion outlives the object manager.
+void queue_deletions(IOM* objects, int count) {
+    const IOMVtbl& om = *objects->lpVtbl;
+    EXPECT_EQ(om.Initialize(objects, 8, 16, KX_OBJECT_LEVEL_LOCK | KX_OBJECT_DEFERRED, 1,
+                            delete_slowly, nullptr, nullptr, 0),
+              KC_OK);
+    for (int i = 0; i < count; ++i) {
+        PVOID data = nullptr;
+        EXPECT_EQ(
+            om.CreateObject(objects, nullptr, nullptr, nullptr, nullptr, 0, 0, 0, &data, nullptr),
+            KC_OK);
+        EXPECT_EQ(om.DeleteObject(objects, data, 0), KC_OK);
+    }
+    EXPECT_EQ(om.Release(objects), 0u);
+}
+
 void play_round(std::mt19937& random) {
     const std::size_t threads_before = thread_count();
     void* library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
-    queue_more_than_will_run(start(library), random);
+    find<decltype(DllStart)>(library, "DllStart")();
+    queue_more_than_will_run(make<IOsal>(library, "CLSID_OrvaneOsal", "IID_IOrvaneOsal_1"), random);
+    const int deletions_before = deletions;
+    queue_deletions(make<IOM>(library, "CLSID_ObjectManagerDataStore", "IID_IObjectManager_1"), 20);
     usleep(random() % 2'000);
     find<decltype(DllStop)>(library, "DllStop")();
+    EXPECT_EQ(deletions, deletions_before + 20);
     ASSERT_EQ(dlclose(library), 0);
     ASSERT_EQ(dlopen(kLibrary, RTLD_NOW | RTLD_NOLOAD), nullptr) << "still mapped";
     const int runs_at_unload = runs;

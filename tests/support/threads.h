@@ -34,10 +34,13 @@ inline bool eventually(const std::function<bool()>& condition) {
 }
 
 // ThreadSanitizer reports the misuse of a mutex as such, whatever becomes of it.
+// Nor does it let a fork child of a process with threads start any.
 #if defined(__SANITIZE_THREAD__)
 #define SKIP_UNDER_THREAD_SANITIZER() GTEST_SKIP() << "misuses a platform mutex on purpose"
+#define SKIP_THREADS_OF_CHILDREN_UNDER_THREAD_SANITIZER() GTEST_SKIP() << "cannot be watched"
 #else
 #define SKIP_UNDER_THREAD_SANITIZER() ((void)0)
+#define SKIP_THREADS_OF_CHILDREN_UNDER_THREAD_SANITIZER() ((void)0)
 #endif
 
 // helgrind reports more kinds of misuse than the platform minds.

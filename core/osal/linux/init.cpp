@@ -13,6 +13,7 @@
 #include <time.h>
 
 #include "osal/internal/atomics.h"
+#include "osal/internal/deletion_threads.h"
 #include "osal/internal/instance.h"
 #include "osal/internal/list.h"
 #include "osal/internal/status.h"
@@ -90,6 +91,7 @@ void make_pristine(Mutex& mutex) {
 void start_over_without_threads() {
     store(g_OsalNumTimerThreads, 0);
     store(g_OsalNumWorkItemThreads, 0);
+    reset_deletion_threads();
     make_pristine(g_OsalTimerQueueMutex);
     make_pristine(g_OsalWorkItemQueue.mutex);
     make_pristine(InterfaceMutex);
@@ -144,6 +146,7 @@ KCSTATUS OsalInitialize() {
         UnInitCharConvInfrastructure();
         return kModule.fail(KC_CODE_FAILED);
     }
+    reset_deletion_threads();
     StartTimerInfrastructure();
     StartWorkItemInfrastructure();
     return KC_OK;
@@ -171,6 +174,7 @@ KCSTATUS OsalUninitialize() {
         drain_pause();
     drain_pause();
     join_library_threads();
+    await_deletion_threads();
     UnInitCharConvInfrastructure();
     return KC_OK;
 }

@@ -76,11 +76,9 @@ void end_instance(OsalObjInfo* instance) {
 }
 
 // The library's own instance is in use as long as the library is. It goes with a library that was
-// shut down, so that loading it again and again does not leak; a deletion thread of an object
-// manager that is still ending keeps it.
+// shut down, so that loading it again and again does not leak.
 [[gnu::destructor]] void unload() {
-    if (g_Unload && pIOsal != nullptr && load(g_OsalCurrentThreads) == 0)
-        end_instance(instance_of(pIOsal));
+    if (g_Unload && pIOsal != nullptr) end_instance(instance_of(pIOsal));
 }
 
 CFInstance* factory_of(LCM_IClassFactory* This) {

@@ -26,25 +26,24 @@ void join(pthread_t thread) {
     if (thread != kNone) pthread_join(thread, nullptr);
 }
 
-// The signals that a thread raises by what it does itself stay open: blocked, they would kill the
-// process without its handlers.
-sigset_t all_but_faults() {
-    sigset_t signals;
-    sigfillset(&signals);
-    for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
-        sigdelset(&signals, fault);
-    return signals;
-}
-
 }  // namespace
 
+// The signals that a thread raises by what it does itself stay open: blocked, they would kill the
+// process without its handlers.
+sigset_t block_signals_but_faults() {
+    sigset_t blocked, before;
+    sigfillset(&blocked);
+    for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+        sigdelset(&blocked, fault);
+    pthread_sigmask(SIG_SETMASK, &blocked, &before);
+    return before;
+}
+
 bool start_library_thread(ThreadRoutine routine, void* argument) {
-    const sigset_t blocked = all_but_faults();
-    sigset_t callers;
     pthread_t thread;
     home.store(getpid());
     // A thread inherits the mask of its maker, so that no signal can slip in before it runs.
-    pthread_sigmask(SIG_SETMASK, &blocked, &callers);
+    const sigset_t callers = block_signals_but_faults();
     const bool started = pthread_create(&thread, nullptr, routine, argument) == 0;
     pthread_sigmask(SIG_SETMASK, &callers, nullptr);
     return started;

@@ -7,6 +7,8 @@
 // threads needs one word.
 #pragma once
 
+#include <signal.h>
+
 #include "osal/types.h"
 
 namespace osal {
@@ -16,6 +18,9 @@ using ThreadRoutine = void* (*)(void*);
 // Starts a thread with default attributes in which all signals but those of a fault are blocked.
 // False if there is none.
 bool start_library_thread(ThreadRoutine routine, void* argument);
+
+// Blocks all signals but those of a fault for the calling thread; returns what was blocked before.
+sigset_t block_signals_but_faults();
 
 // First in a library thread: names it. 15 characters at most.
 void enter_library_thread(const char* name);
