@@ -1,4 +1,5 @@
-// The libraries of locks and threads that subjects measure against, as far as this machine has them.
+// The libraries of locks and threads that subjects measure against, as far as this machine has
+// them.
 #pragma once
 
 #ifdef HAVE_ABSEIL
