@@ -130,85 +130,77 @@ struct Attributes {
     }
 };
 
-void measure(bench::Report& report, UINT64 count) {
-    Plain plain(count);
-    Contexts through(count);
-    Attributes attributes(count);
-    const std::string label = bench::count_name(count) + " contexts";
-    const double x = static_cast<double>(count);
-    const auto turn = [count](std::uint64_t n) { return context(n * 7919 % count); };
+// The three ways to the same number of objects.
+struct Subject {
+    explicit Subject(UINT64 contexts)
+        : count(contexts), plain(contexts), through(contexts), attributes(contexts) {}
 
-    report.race("Find an object", label, x,
-                {{"plain manager",
-                  [&](std::uint64_t n) {
-                      for (; n != 0; --n)
-                          plain.drop(plain.find(plain.any(n)));
-                  }},
-                 {"plain manager and attribute look-up",
-                  [&](std::uint64_t n) {
-                      for (; n != 0; --n) {
-                          attributes.look_up(turn(n));
-                          plain.drop(plain.find(plain.any(n)));
-                      }
-                  }},
-                 {"through contexts", [&](std::uint64_t n) {
-                      for (; n != 0; --n)
-                          through.drop(through.find(turn(n), n % kObjectsInEach));
-                  }}});
-    report.race("Create and delete an object", label, x,
-                {{"plain manager",
-                  [&](std::uint64_t n) {
-                      for (; n != 0; --n)
-                          plain.end(plain.create(plain.any(n)));
-                  }},
-                 {"plain manager and attribute look-up",
-                  [&](std::uint64_t n) {
-                      for (; n != 0; --n) {
-                          attributes.look_up(turn(n));
-                          plain.end(plain.create(plain.any(n)));
-                      }
-                  }},
-                 {"through contexts", [&](std::uint64_t n) {
-                      for (; n != 0; --n)
-                          through.end(through.create(turn(n), n % kObjectsInEach));
-                  }}});
-    // One step of a scan over everything that is there.
+    SCHANDLE turn(std::uint64_t n) const { return context(n * 7919 % count); }
+
+    // An operation on the plain manager, the same after the look-up of an attribute, and its
+    // counterpart through contexts.
+    template <class Direct, class Indirect>
+    void race(bench::Report& report, const char* what, Direct direct, Indirect indirect) {
+        report.race(what, bench::count_name(count) + " contexts", static_cast<double>(count),
+                    {{"plain manager",
+                      [=](std::uint64_t n) {
+                          for (; n != 0; --n)
+                              direct(n);
+                      }},
+                     {"plain manager and attribute look-up",
+                      [=, this](std::uint64_t n) {
+                          for (; n != 0; --n) {
+                              attributes.look_up(turn(n));
+                              direct(n);
+                          }
+                      }},
+                     {"through contexts", [=](std::uint64_t n) {
+                          for (; n != 0; --n)
+                              indirect(n);
+                      }}});
+    }
+
+    UINT64 count;
+    Plain plain;
+    Contexts through;
+    Attributes attributes;
+};
+
+// One step of a scan over everything that is there.
+void step(Plain& plain, HANDLE& scan) {
+    PVOID object = nullptr;
+    if (KC_IS_ERROR(plain.manager->lpVtbl->EnumerateObjects(plain.manager, &scan, nullptr, nullptr,
+                                                            0, &object)))
+        scan = nullptr;
+    else
+        plain.drop(object);
+}
+void step(Contexts& through, ISCOM_SCAN_DATA& scan) {
+    const auto all_ones = reinterpret_cast<HANDLE>(~UINT64{0});
+    PVOID object = nullptr;
+    if (KC_IS_ERROR(through.manager->lpVtbl->EnumerateObjects(through.manager, {all_ones, all_ones},
+                                                              &scan, nullptr, nullptr, 0, &object)))
+        scan = {};
+    else
+        through.drop(object);
+}
+
+void measure(bench::Report& report, UINT64 count) {
+    Subject subject(count);
+    Plain& plain = subject.plain;
+    Contexts& through = subject.through;
+    subject.race(
+        report, "Find an object", [&](UINT64 n) { plain.drop(plain.find(plain.any(n))); },
+        [&](UINT64 n) { through.drop(through.find(subject.turn(n), n % kObjectsInEach)); });
+    subject.race(
+        report, "Create and delete an object",
+        [&](UINT64 n) { plain.end(plain.create(plain.any(n))); },
+        [&](UINT64 n) { through.end(through.create(subject.turn(n), n % kObjectsInEach)); });
     HANDLE plain_scan = nullptr;
     ISCOM_SCAN_DATA scan = {};
-    const auto everywhere =
-        SCHANDLE{reinterpret_cast<HANDLE>(~UINT64{0}), reinterpret_cast<HANDLE>(~UINT64{0})};
-    const auto step = [&] {
-        PVOID object = nullptr;
-        if (KC_IS_ERROR(plain.manager->lpVtbl->EnumerateObjects(plain.manager, &plain_scan, nullptr,
-                                                                nullptr, 0, &object)))
-            plain_scan = nullptr;
-        else
-            plain.drop(object);
-    };
-    report.race(
-        "One step of an enumeration", label, x,
-        {{"plain manager",
-          [&](std::uint64_t n) {
-              for (; n != 0; --n)
-                  step();
-          }},
-         {"plain manager and attribute look-up",
-          [&](std::uint64_t n) {
-              for (; n != 0; --n) {
-                  attributes.look_up(turn(n));
-                  step();
-              }
-          }},
-         {"all contexts", [&](std::uint64_t n) {
-              for (; n != 0; --n) {
-                  PVOID object = nullptr;
-                  if (KC_IS_ERROR(through.manager->lpVtbl->EnumerateObjects(
-                          through.manager, everywhere, &scan, nullptr, nullptr, 0, &object)))
-                      scan = {};
-                  else
-                      through.drop(object);
-              }
-          }}});
+    subject.race(
+        report, "One step of an enumeration", [&](UINT64) { step(plain, plain_scan); },
+        [&](UINT64) { step(through, scan); });
 }
 
 }  // namespace
