@@ -794,6 +794,33 @@ TEST_P(MultiWait, ARegistrationIsUnlinkedAndClearedBeforeItIsFreed) {
     }
 }
 
+std::vector<const void*> freed;
+void noting_free(void* memory) {
+    if (Interpose::made_here()) freed.push_back(memory);
+    free(memory);
+}
+
+TEST_P(MultiWait, WhatIsLeftIsWithdrawnFromTheLastRegistrationOn) {
+    const auto handles =
+        make_all({KxSynchronizationEvent, KxNotificationEvent, KxSynchronizationEvent});
+    std::vector<const char*> made;
+    ConditionWaits waits([&](pthread_mutex_t*, const timespec*) {
+        for (HANDLE handle : handles)
+            made.push_back(reinterpret_cast<const char*>(last_registration(handle)));
+        freed.clear();
+        return ETIMEDOUT;
+    });
+    Interpose hook("osal.so", "free", &noting_free);
+    EXPECT_EQ(wait_any(handles, kLong), error(10));
+    expect_built({1, 10});
+    ASSERT_EQ(freed.size(), 3u);
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto into_block = made[2 - i] - static_cast<const char*>(freed[i]);
+        EXPECT_GE(into_block, 0) << i;
+        EXPECT_LT(into_block, 256) << i;
+    }
+}
+
 TEST_P(MultiWait, ATimeOutIsOneEvenIfEventsWereFoundAfterIt) {
     for (BOOLEAN all : {FALSE, TRUE}) {
         auto handles = make_all({KxSynchronizationEvent, KxNotificationEvent});

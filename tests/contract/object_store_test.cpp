@@ -444,6 +444,21 @@ TEST_P(ObjectStore, ReleasingAnInstanceDeletesWhatNobodyReferences) {
     EXPECT_EQ(holdings(), before);
 }
 
+TEST_P(ObjectStore, TearingDownPreallocatedObjectsLeavesTheCountOfThoseInUse) {
+    start();
+    pObjectInfo kept = info;
+    PVOID data = create(1);
+    allocate(2);
+    EXPECT_EQ(release(), 0u);
+    EXPECT_EQ(recorded.deletions(), (std::vector<UINT32>{2}));
+    UINT32 in_use = 99, preallocated = 99;
+    EXPECT_EQ(om.GetObjectStats(kept, nullptr, &in_use, &preallocated), KC_OK);
+    EXPECT_EQ(in_use, 1u);
+    EXPECT_EQ(preallocated, 0u);
+    EXPECT_EQ(om.DereferenceObject(kept, data, 0), KC_OK);
+    expect_built(0x1004, "../object", "InternalObjectDereference", 1188);
+}
+
 TEST_P(ObjectStore, AnInstanceLivesOnWhileAnObjectIsReferenced) {
     start();
     pObjectInfo kept = info;

@@ -45,12 +45,12 @@ class HeapLedger {
     std::optional<Interpose> free_;
 };
 
-// Holds back what the library frees until the object goes, so that a test may look at a stale
-// record without touching freed memory. One object at a time.
 // For Interpose: the heap, with every byte that it hands out set.
 constexpr int kHeapByte = 0xA5;
 void* patterned_malloc(std::size_t size);
 
+// Holds back what the library frees until the object goes, so that a test may look at a stale
+// record without touching freed memory. One object at a time.
 class Quarantine {
   public:
     Quarantine();
