@@ -31,9 +31,9 @@ KCSTATUS KxAllocTimer(PIOsal pThis, PKX_TIMER_ROUTINE pTimerRoutine, PVOID pCont
 
 /* Arms a timer: its routine runs once, in the n-th tick from now, which may be up to a tick less
  * than Timeout microseconds away. n is Timeout in whole ticks: a remainder shorter than a tick is
- * dropped, less than a tick counts as one, and the number is cut to 32 bits. Of two timers due in one tick the one armed first fires first, but the one armed later
- * if both were armed within one tick. A timer that fired or was cancelled may be armed again, from
- * its own routine too.
+ * dropped, less than a tick counts as one, and the number is cut to 32 bits. Of two timers due in
+ * one tick the one armed first fires first, but the one armed later if both were armed within one
+ * tick. A timer that fired or was cancelled may be armed again, from its own routine too.
  *
  * Code 3: pThis is null (nothing else of it is checked), or no timer. Code 0x1003: armed already;
  * nothing changes, and a line goes to the log, which makes the call a cancellation point. */
