@@ -22,9 +22,14 @@ struct Script {
     std::atomic<HANDLE> own = nullptr;
     std::atomic<int> stage = 0;
 
-    void reach(int value) { stage = value; }
+    void reach(int value) {
+        osal::announce_release(stage);
+        stage = value;
+    }
     bool wait(int value) {
-        return eventually([&] { return stage >= value; });
+        const bool reached = eventually([&] { return stage >= value; });
+        osal::announce_acquire(stage);
+        return reached;
     }
 };
 
@@ -403,8 +408,12 @@ TEST_P(Threads, ARoutineThatIsCancelledStaysCounted) {
     Script script;
     script.body = [&](HANDLE) {
         struct Unwound {
-            ~Unwound() { forget_stack_of_this_thread(); }
-        } unwound;
+            Script& script;
+            ~Unwound() {
+                forget_stack_of_this_thread();
+                script.reach(2);
+            }
+        } unwound{script};
         script.reach(1);
         for (;;)
             pause();
@@ -416,7 +425,7 @@ TEST_P(Threads, ARoutineThatIsCancelledStaysCounted) {
     EXPECT_EQ(osal::load(g_OsalCurrentThreads), 1);
     osal::store(g_OsalCurrentThreads, INT32{0});
     osal::store(behind(handle)->pCallerThreadRoutine, PKX_THREAD_ROUTINE{nullptr});
-    nap(milliseconds(20));
+    EXPECT_TRUE(script.wait(2));
     later(handle);
 }
 

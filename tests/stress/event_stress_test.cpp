@@ -17,6 +17,12 @@ std::uint64_t hand_overs() {
 
 class EventStress : public EventTest {
   protected:
+    // A wait that does not sleep.
+    KCSTATUS wait_once_signalled(HANDLE handle) {
+        while (!is_signalled(handle))
+            sched_yield();
+        return wait(handle, 0);
+    }
     // Statuses that the waits build; not kept, for there are too many.
     void forget_statuses() { statuses_.take(); }
 
@@ -157,6 +163,7 @@ TEST_P(EventStress, AWaiterSeesWhatCameBeforeASignalThatFoundTheEventSignalled) 
     HANDLE other = make(KxSynchronizationEvent);
     std::atomic<std::uint64_t> signalled = 0;
     std::uint64_t written = 0;
+    osal::announce_atomic(signalled);
     const std::uint64_t rounds = hand_overs() / 20;
     RawThread signaller([&] {
         for (std::uint64_t round = 1; round <= rounds; ++round) {
@@ -176,7 +183,9 @@ TEST_P(EventStress, AWaiterSeesWhatCameBeforeASignalThatFoundTheEventSignalled) 
     }
 }
 
-// The thread that signals may still be in the call when the waiter is out.
+// The thread that signals may still be in the call when the waiter is out. helgrind is spared the
+// waits that expire while the signal comes: the platform then signals its condition once more,
+// without the mutex.
 TEST_P(EventStress, AnEventMayBeDestroyedRightAfterASuccessfulWait) {
     std::atomic<HANDLE> offered = nullptr;
     std::atomic<bool> end = false;
@@ -194,10 +203,12 @@ TEST_P(EventStress, AnEventMayBeDestroyedRightAfterASuccessfulWait) {
         ASSERT_EQ(CALL(KxAllocEvent)(osal, KxSynchronizationEvent, &other), KC_OK);
         osal::announce_release(offered);
         offered = handle;
-        if (round % 3 == 0)
+        if (round % 4 == 0)
             ASSERT_EQ(wait_any({other, handle}, kPatient), 1u);
-        else if (round % 3 == 1)
+        else if (round % 4 == 1)
             ASSERT_EQ(wait(handle, kPatient), KC_OK);
+        else if (round % 4 == 2 || under_helgrind())
+            ASSERT_EQ(wait_once_signalled(handle), KC_OK);
         else
             while (wait(handle, 0) != KC_OK) {
             }

@@ -19,12 +19,15 @@ using SpinLock = _KX_SPINLOCK_HANDLE_;
 
 constexpr KCSTATUS kNobodyHolds = 1;
 
+constexpr bool below_zero(UINT32 count) {
+    return count >= static_cast<UINT32>(-4);
+}
+
 // Contract: a count found at -1 to -4 is taken for 0, as left behind by releases without an
 // acquisition. The release itself lets no count fall below zero.
 void repair(UINT32& count) {
     UINT32 found = load(count, std::memory_order_relaxed);
-    if (found >= static_cast<UINT32>(-4))
-        std::atomic_ref<UINT32>(count).compare_exchange_strong(found, 0);
+    if (below_zero(found)) std::atomic_ref<UINT32>(count).compare_exchange_strong(found, 0);
 }
 
 // The platform's pthread_self(), which is the address of the thread's control block, but in line.
@@ -33,12 +36,16 @@ void note_owner(ReadWriteLock* lock) {
 }
 
 // Takes one reader off, unless there is none: of two releases for one reader, one finds it gone.
+// Looks at the new count itself: another load behind the locked step would cost as much as a call.
 bool drop_reader(ReadWriteLock* lock) {
     std::atomic_ref<UINT32> readers(lock->readers);
     UINT32 count = readers.load(std::memory_order_relaxed);
-    while (count != 0)
-        if (readers.compare_exchange_weak(count, count - 1)) return true;
-    return false;
+    while (count != 0 && !readers.compare_exchange_weak(count, count - 1)) {
+    }
+    if (count == 0) return false;
+    if (below_zero(count - 1)) [[unlikely]]
+        repair(lock->readers);
+    return true;
 }
 
 bool drop_writer(ReadWriteLock* lock) {
@@ -143,8 +150,10 @@ KCSTATUS KxAcquireLockForWriteAccess(PIOsal, HANDLE Handle, BOOLEAN bWait) {
 KCSTATUS KxReleaseReadWriteLock(PIOsal, HANDLE Handle) {
     auto* lock = as<ReadWriteLock>(Handle);
     if (lock == nullptr) return kSync.fail(KC_CODE_INVALID_HANDLE);
-    if (!drop_writer(lock) && !drop_reader(lock)) return kNobodyHolds;
-    repair(lock->readers);
+    if (drop_writer(lock))
+        repair(lock->readers);
+    else if (!drop_reader(lock))
+        return kNobodyHolds;
     pthread_rwlock_unlock(&lock->rwLock);
     return KC_OK;
 }
