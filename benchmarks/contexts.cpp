@@ -1,4 +1,5 @@
 // Objects through security contexts, beside one plain object manager of the same objects.
+#include <cstdlib>
 #include <vector>
 
 #include "harness.h"
@@ -105,17 +106,41 @@ struct Contexts {
     void end(PVOID object) { manager->lpVtbl->DeleteObject(manager, object, 0); }
 };
 
+// What a context has for itself, as far apart in memory as the managers of contexts are: a record,
+// a place in it and an object, each found by way of the one before.
+struct Belongings {
+    static constexpr std::size_t kSize = 9'000;  // of a manager with its objects
+    static constexpr std::size_t kApart = 120;   // words
+    struct Word {
+        Word* next;
+    };
+
+    static KCSTATUS make(PAttribute attribute, void*) {
+        auto* all = static_cast<Word*>(std::calloc(1, kSize));
+        all[0].next = all + kApart;
+        all[kApart].next = all + 2 * kApart;
+        *static_cast<Word**>(attribute->pData) = all;
+        return KC_OK;
+    }
+    static void visit(PAttribute attribute) {
+        keep((*static_cast<Word**>(attribute->pData))->next->next->next);
+    }
+    static void end(PAttribute attribute) { std::free(*static_cast<Word**>(attribute->pData)); }
+};
+
 // The look-up of a context's attribute alone: what going through a context has to cost.
 struct Attributes {
     ISA* manager = make<ISA>(CLSID_SecurityAttributeManager, IID_IContextAttribute_1);
     HANDLE type = nullptr;
 
-    explicit Attributes(UINT64 contexts) {
-        manager->lpVtbl->SARegisterAttribute(manager, &kComponent, 8, nullptr, nullptr, &type);
+    Attributes(UINT64 contexts, bool with_belongings) {
+        manager->lpVtbl->SARegisterAttribute(manager, &kComponent, 8, nullptr,
+                                             with_belongings ? Belongings::end : nullptr, &type);
         for (UINT64 i = 0; i < contexts; ++i) {
             PAttribute attribute = nullptr;
-            manager->lpVtbl->SACreate(manager, context(i), type, nullptr, nullptr, 0, 0, &attribute,
-                                      nullptr);
+            manager->lpVtbl->SACreate(manager, context(i), type, nullptr,
+                                      with_belongings ? Belongings::make : nullptr, 0, 0,
+                                      &attribute, nullptr);
             manager->lpVtbl->SADereference(manager, 0, attribute);
         }
     }
@@ -123,22 +148,27 @@ struct Attributes {
         manager->lpVtbl->SADeregisterAttribute(manager, type);
         manager->lpVtbl->Release(manager);
     }
-    void look_up(SCHANDLE where) {
+    void look_up(SCHANDLE where, void (*visit)(PAttribute) = nullptr) {
         PAttribute attribute = nullptr;
         manager->lpVtbl->SAReference(manager, where, type, 2, &attribute);
+        if (visit != nullptr) visit(attribute);
         manager->lpVtbl->SADereference(manager, 2, attribute);
     }
 };
 
-// The three ways to the same number of objects.
+// The four ways to the same number of objects.
 struct Subject {
     explicit Subject(UINT64 contexts)
-        : count(contexts), plain(contexts), through(contexts), attributes(contexts) {}
+        : count(contexts),
+          plain(contexts),
+          through(contexts),
+          attributes(contexts, false),
+          apart(contexts, true) {}
 
     SCHANDLE turn(std::uint64_t n) const { return context(n * 7919 % count); }
 
-    // An operation on the plain manager, the same after the look-up of an attribute, and its
-    // counterpart through contexts.
+    // An operation on the plain manager, the same after the look-up of an attribute, and of one
+    // with memory for its context, and its counterpart through contexts.
     template <class Direct, class Indirect>
     void race(bench::Report& report, const char* what, Direct direct, Indirect indirect) {
         report.race(what, bench::count_name(count) + " contexts", static_cast<double>(count),
@@ -154,6 +184,13 @@ struct Subject {
                               direct(n);
                           }
                       }},
+                     {"the same, with memory for each context",
+                      [=, this](std::uint64_t n) {
+                          for (; n != 0; --n) {
+                              apart.look_up(turn(n), Belongings::visit);
+                              direct(n);
+                          }
+                      }},
                      {"through contexts", [=](std::uint64_t n) {
                           for (; n != 0; --n)
                               indirect(n);
@@ -164,6 +201,7 @@ struct Subject {
     Plain plain;
     Contexts through;
     Attributes attributes;
+    Attributes apart;
 };
 
 // One step of a scan over everything that is there.
@@ -209,7 +247,9 @@ int main(int argc, char** argv) {
     bench::Report report(argc, argv,
                          {"contexts", "Objects through security contexts", "one object",
                           "16 objects a context; the look-up of the context's attribute is what "
-                          "going through a context has to cost",
+                          "going through a context has to cost. With memory for each context: the "
+                          "look-up also reads a record, a place in it and an object that belong to "
+                          "the context, so it meets memory that is as cold as that of managers",
                           "contexts"});
     if (KC_IS_ERROR(LcmStart(nullptr))) return 1;
     for (UINT64 count : {1, 10, 100, 1'000, 10'000})

@@ -358,9 +358,11 @@ class Subject {
     }
     template <class Store>
     auto searches(Store& subject) {
-        return [&subject, count = all_.count](std::uint64_t n, unsigned who) {
-            for (Sequence at{who * 977u + 1u}; n != 0; --n)
-                subject.find(at.next(count));
+        auto at = for_each_thread<Sequence>();
+        (*at)[1].value.state = 977;
+        return [&subject, at, count = all_.count](std::uint64_t n, unsigned who) {
+            for (Sequence& sequence = (*at)[who].value; n != 0; --n)
+                subject.find(sequence.next(count));
         };
     }
     template <class Store>
