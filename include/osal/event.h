@@ -36,8 +36,8 @@ KCSTATUS KxAllocEvent(PIOsal pThis, KX_EVENT_TYPE EventType, HANDLE* pHandle);
  * Code 3: pThis is no service instance, or a bad handle. Code 0x1003: another thread is about to
  * wait for the event or has just been woken by it; the event stays as it is.
  *
- * Blocks while a signal that others were to be woken by is still inside the event, which is until
- * its thread has run on; not a cancellation point.
+ * Blocks until every signal that wakes waiters has left the event, as far as its thread gets to
+ * run. Not a cancellation point.
  *
  * Not for an event that a thread waits for: the call then blocks until that thread has left, which
  * uses a record that is no more; registrations of waits for several events are not looked at. */

@@ -15,8 +15,8 @@
 // gate: between a signal and those who are about to wait; one that finds no listener has nothing to
 // do with the mutex. listeners: the threads that sleep on condition and the registrations of waits
 // that may sleep; changed with the mutex held and behind the gate, so either is enough to read it.
-// wakers: the signals that found listeners and may still touch the record, outside the
-// mutex too: who destroys the event lets them out first.
+// wakers: the signals that found listeners and may still touch the record, outside the mutex too:
+// who destroys the event lets them out first.
 struct _KX_EVENT_HANDLE_ {
     static constexpr UINT32 kSignature = osal::four_cc("EVNT");
     static constexpr auto kInUse = &OsalObjInfo::EventInUse;
