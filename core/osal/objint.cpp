@@ -211,13 +211,18 @@ KCSTATUS InternalInitialize(pObjectInfo pThis, UINT32 objectSize, UINT16 objects
 
 BOOLEAN InternalAcquire(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect,
                         UINT32 accessType) {
+    if (pProtect != &oi->protect) return acquire(oi, accessLevel, pProtect, accessType);
+    const bool exclusive = accessType == KX_OBJECT_EXCLUSIVE;
+    if (exclusive) let_others_out(oi->turns);
     const BOOLEAN taken = acquire(oi, accessLevel, pProtect, accessType);
-    if (pProtect == &oi->protect) settle_bias(oi->turns, accessType == KX_OBJECT_EXCLUSIVE);
+    settle_bias(oi->turns, exclusive);
+    if (exclusive) oi->turns.taken.store(true, std::memory_order_relaxed);
     return taken;
 }
 
 void InternalRelease(pObjectInfo oi, UINT32 accessLevel, pProtectToken pProtect) {
     const HANDLE handle = load(pProtect->handle);
+    if (pProtect == &oi->protect) oi->turns.taken.store(false, std::memory_order_relaxed);
     switch (accessLevel) {
         case KX_OBJECT_LEVEL_LOCK:
             service<&IOsalVtbl::KxReleaseReadWriteLock>(oi->pIOsal, handle);

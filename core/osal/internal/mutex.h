@@ -16,10 +16,7 @@ struct CAPABILITY("mutex") Mutex {
     int init();     // platform result; for mutexes inside records
     int destroy();  // platform result
     void lock() ACQUIRE();
-    // Pauses for longer and longer before it sleeps, some 20 microseconds in all. Whoever holds the
-    // mutex for a short turn after the other then keeps it, with the memory that it guards, in its
-    // core's cache, instead of handing both over after each turn.
-    void lock_patiently() ACQUIRE();
+    void lock_patiently() ACQUIRE();  // see patience.h
     void unlock() RELEASE();
 };
 static_assert(sizeof(Mutex) == sizeof(pthread_mutex_t));

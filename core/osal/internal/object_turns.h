@@ -7,10 +7,11 @@
 // ends the bias hardly waits either; others who share the lock pass a shared one. Every other turn
 // takes the lock of the services, also by the thread that has the bias, and ends another thread's.
 // That thread gets the bias back when it has taken the lock many times in a row; how many doubles
-// each time, so that threads which take turns stay with the lock.
+// each time, so that threads which take turns stay with the lock, and are patient with each other.
 #pragma once
 
 #include "osal/internal/bias.h"
+#include "osal/internal/patience.h"
 
 namespace osal {
 
@@ -21,7 +22,15 @@ struct Turns {
     std::uintptr_t thread;    // whose the bias is, now or again
     UINT32 needed;            // turns in a row that it takes to get it back
     std::atomic<UINT32> run;  // its exclusive turns since another thread's last one
+    // Whether somebody has the lock exclusively. Only a hint, which keeps two from running into
+    // each other at the lock: who loses patience goes on to the lock all the same.
+    std::atomic<bool> taken;
 };
+
+// Before the lock is taken exclusively.
+inline void let_others_out(const Turns& turns) {
+    patiently([&] { return !turns.taken.load(std::memory_order_relaxed); });
+}
 
 // To be called with the lock held, before anything that it guards is looked at.
 void settle_bias(Turns& turns, bool exclusive);
