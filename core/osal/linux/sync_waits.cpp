@@ -39,12 +39,15 @@ void stop_listening(Event* event) {
 class Listener {
   public:
     explicit Listener(Event* event) : event_(event) {}
-    ~Listener() { stop_listening(event_); }
+    ~Listener() {
+        if (event_ != nullptr) stop_listening(event_);
+    }
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
+    void stay() { event_ = nullptr; }
 
   private:
-    Event* const event_;
+    Event* event_;
 };
 
 // Contract: sleeps once; any wake-up counts as a signal, whoever consumed it meanwhile.
@@ -155,12 +158,11 @@ class MultiWait {
 MultiWait::Step MultiWait::take_or_enlist(Event* event) {
     Lock lock(event->mutex);
     if (take_or_listen(event)) return Step::kTaken;
+    Listener listener(event);
     auto* registration =
         static_cast<Registration*>(KxAllocPagedMemory(request_.pThis, sizeof(Registration)));
-    if (registration == nullptr) {
-        stop_listening(event);
-        return Step::kNoMemory;
-    }
+    if (registration == nullptr) return Step::kNoMemory;
+    listener.stay();  // the registration stops listening when it is withdrawn
     registration->pSingleEvent = event;
     registration->pMasterEvent = &master_;
     OsalInsertTailList(&registrations_, &registration->MasterEntry);
