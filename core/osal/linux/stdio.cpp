@@ -58,8 +58,9 @@ NO_MEMORY_CHECKS bool block_has_zero(const __m128i* units) {
     return _mm_movemask_epi8(_mm_or_si128(first, second)) != 0;
 }
 
-// The first vector with a zero unit, at or behind an aligned address.
-const __m128i* find_zero(const __m128i* units) {
+// The first vector with a zero unit, at or behind an aligned address. Exempt like those it calls,
+// which GCC may inline here and would then check after all.
+NO_MEMORY_CHECKS const __m128i* find_zero(const __m128i* units) {
     for (; reinterpret_cast<uintptr_t>(units) % kBlock != 0; ++units)
         if (zero_mask(units) != 0) return units;
     while (!block_has_zero(units))
@@ -102,7 +103,7 @@ UINT32 KxStrlen(PIOsal, const CHAR* pString) {
     return pString == nullptr ? 0 : static_cast<UINT32>(strlen(pString));
 }
 
-// Exempt as a whole: GCC inlines zero_units and checks its reads after all.
+// Exempt for the same reason.
 NO_MEMORY_CHECKS UINT32 KxStrlenW(PIOsal, const WCHAR* pStringW) {
     if (pStringW == nullptr) return 0;
     const LooseUnit* end = pStringW;
