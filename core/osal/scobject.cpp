@@ -12,6 +12,7 @@
 #include "host/lcm.h"
 #include "osal/internal/instance.h"
 #include "osal/internal/object.h"
+#include "osal/internal/scobject_guess.h"
 
 using namespace osal;
 
@@ -233,6 +234,8 @@ KCSTATUS SCObjectCreate(PVOID pThis, SCHANDLE hSC, PVOID pInitData,
     pSCObjectInfo soi = info_of(pThis);
     PAttribute attribute = nullptr;
     UINT32 attribute_access = 0;
+    Guess& guess = guess_of(soi, hSC);
+    fetch_ahead(guess, CompareIndex);
     KCSTATUS status = attribute_for_creation(soi, hSC, &attribute, &attribute_access);
     if (is_error(status)) return status;
 
@@ -250,6 +253,7 @@ KCSTATUS SCObjectCreate(PVOID pThis, SCHANDLE hSC, PVOID pInitData,
         _ReleaseSessionAttribute(soi, attribute, attribute_access);
         return status;
     }
+    note_place(guess, manager, object);
     const UINT32 access = opened == KX_OBJECT_OPENED ? openAccess : createAccess;
     hand_over(soi, attribute, attribute_access, {object, access, is_access(access)}, ppUserData);
     if (pOpenedMode != nullptr) *pOpenedMode = opened;
@@ -261,11 +265,14 @@ KCSTATUS SCObjectReferenceByHandle(PVOID pThis, SCHANDLE hSC, HANDLE handle, UIN
     if (ppUserData == nullptr) return unlogged_object_error(KC_CODE_INVALID_ARGUMENT);
     pSCObjectInfo soi = info_of(pThis);
     PAttribute attribute = nullptr;
+    Guess& guess = guess_of(soi, hSC);
+    fetch_ahead(guess);
     KCSTATUS status = _GetSessionAttribute(soi, hSC, &attribute);
     if (is_error(status)) return status;
     IOM* manager = manager_of(attribute);
     PVOID object = nullptr;
     status = manager->lpVtbl->ReferenceObjectByHandle(manager, handle, accessType, &object);
+    if (!is_error(status)) note_place(guess, manager, object);
     return end_lookup(status, soi, attribute, object, accessType, ppUserData);
 }
 
@@ -304,6 +311,8 @@ KCSTATUS SCObjectFind(PVOID pThis, SCHANDLE hSC, PVOID pCompareData,
     if (ppUserData == nullptr) return unlogged_object_error(KC_CODE_INVALID_ARGUMENT);
     pSCObjectInfo soi = info_of(pThis);
     PAttribute attribute = nullptr;
+    Guess& guess = guess_of(soi, hSC);
+    fetch_ahead(guess, CompareIndex);
     // Contract: not logged by this operation, unlike the enumerations.
     if (is_error(_GetSessionAttribute(soi, hSC, &attribute)))
         return unlogged_object_error(KC_CODE_NO_MORE_ENTRIES);
@@ -312,6 +321,7 @@ KCSTATUS SCObjectFind(PVOID pThis, SCHANDLE hSC, PVOID pCompareData,
     PVOID object = nullptr;
     const KCSTATUS status = manager->lpVtbl->FindObject(manager, &shim, _CompareObjectDefaultAny,
                                                         CompareIndex, accessType, &object);
+    if (!is_error(status)) note_place(guess, manager, object);
     return end_lookup(status, soi, attribute, object, accessType, ppUserData);
 }
 

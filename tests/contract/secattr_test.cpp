@@ -628,6 +628,41 @@ TEST_F(ContextObjects, TheEndOfAContextDeletesItsObjects) {
     EXPECT_EQ(all_objects().size(), 20u);
 }
 
+// More contexts than the library remembers places of, begun anew where managers are gone.
+TEST_F(ContextObjects, ThousandsOfContextsComeAndGo) {
+    constexpr UINT64 kContexts = 20'000;
+    for (UINT64 round = 0; round < 2; ++round) {
+        for (UINT64 user = 1; user <= kContexts; ++user)
+            find_or_create(context(user, 1), user + round);
+        UINT64 found = 0;
+        for (UINT64 user = 1; user <= kContexts; ++user)
+            found +=
+                has(context(user, 1), user + round) && !has(context(user, 1), user + 1 - round);
+        EXPECT_EQ(found, kContexts);
+        for (UINT64 user = 1; user <= kContexts; ++user)
+            EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(user, 1)), KC_OK);
+        EXPECT_FALSE(has(context(1, 1), 1 + round));
+        EXPECT_EQ(static_cast<UINT64>(deleted_objects), (round + 1) * kContexts);
+    }
+}
+
+// The same context and object in two managers.
+TEST_F(ContextObjects, ManagersDoNotShareTheObjectsOfAContext) {
+    auto* others = instance<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
+    ASSERT_EQ(others->lpVtbl->Initialize(others, &kOther, sizeof(UINT64), 16, 0, 4, nullptr,
+                                         nullptr, nullptr, 0),
+              KC_OK);
+    find_or_create(context(1, 1), 7);
+    std::swap(objects, others);
+    EXPECT_FALSE(has(context(1, 1), 7));
+    find_or_create(context(1, 1), 8);
+    EXPECT_TRUE(has(context(1, 1), 8));
+    std::swap(objects, others);
+    EXPECT_TRUE(has(context(1, 1), 7));
+    EXPECT_FALSE(has(context(1, 1), 8));
+    others->lpVtbl->Release(others);
+}
+
 TEST_F(ContextObjects, ThreadsRacingForTheFirstObjectOfAContextShareOneManager) {
     constexpr UINT64 kContexts = 100;
     std::vector<std::thread> threads;

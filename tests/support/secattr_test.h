@@ -142,6 +142,15 @@ class ContextObjects : public SecurityAttributes {
             KC_OK);
         EXPECT_EQ(objects->lpVtbl->DereferenceObject(objects, object, 0), KC_OK);
     }
+    bool has(SCHANDLE where, UINT64 value) {
+        PVOID object = nullptr;
+        if (KC_IS_ERROR(objects->lpVtbl->FindObject(objects, where, &value, equal_number,
+                                                    static_cast<UINT32>(value % 4), 0, &object)))
+            return false;
+        EXPECT_EQ(*static_cast<UINT64*>(object), value);
+        EXPECT_EQ(objects->lpVtbl->DereferenceObject(objects, object, 0), KC_OK);
+        return true;
+    }
     std::multiset<std::pair<UINT64, UINT64>> all_objects() {
         std::multiset<std::pair<UINT64, UINT64>> found;
         ISCOM_SCAN_DATA scan = {};
