@@ -1,0 +1,6 @@
+// The C++ face of the library: everything in one include. See osal/status.hpp for what holds in all
+// of it.
+#pragma once
+
+#include "osal/interface.hpp"
+#include "osal/status.hpp"
