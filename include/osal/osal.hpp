@@ -4,3 +4,4 @@
 
 #include "osal/interface.hpp"
 #include "osal/status.hpp"
+#include "osal/text.hpp"
