@@ -1,6 +1,6 @@
 // Security-context objects, with recording stand-ins for the attribute manager and the object
 // managers.
-#include <cstring>
+#include <algorithm>
 
 #include "osal/internal/object.h"
 #include "osal/internal/scobject.h"
@@ -222,7 +222,7 @@ TEST_F(SecurityContexts, InitializeRefusesWhatIsOutOfRange) {
         expect_failure(4, 548, "SCObjectInitialize");
         EXPECT_EQ(info()->pISA, nullptr);
     };
-    for (UINT32 level : {1u, 4u, 0x10000001u, 0x0FFFFFFFu})
+    for (UINT32 level : {1u, 4u, 0x10000001u, 0x08000000u, 0xF8000003u, 0x0FFFFFFFu})
         refused(initialize(level));
     refused(initialize(0, sizeof(ClientData), 256));
     refused(initialize(0, 0xFFFFFFFFu));
@@ -266,6 +266,15 @@ TEST_F(SecurityContexts, InitializePassesOnThatThereIsNoAttributeManager) {
     EXPECT_EQ(info()->pISA, nullptr);
     EXPECT_EQ(info()->objectSize, 0u);
     statuses_.expect_none();
+}
+
+TEST_F(SecurityContexts, ASecondInitializeWithoutAnAttributeManagerLeavesTheInstanceUninitialised) {
+    initialized();
+    stand_in_.fail_next("attributes", foreign_error(2));
+    EXPECT_EQ(initialize(), foreign_error(2));
+    EXPECT_CALLS("SADeregisterAttribute", "ISA.Release", "LcmCreateInstance(attributes)");
+    EXPECT_EQ(info()->pISA, nullptr);
+    EXPECT_EQ(stand_in_.manager_references(), 0);
 }
 
 TEST_F(SecurityContexts, InitializeGivesTheAttributeManagerBackWhenRegistrationFails) {
@@ -354,6 +363,35 @@ TEST_F(SecurityContexts, TheLoserOfACreationRaceReleasesItsManagerAndUsesTheWinn
     EXPECT_EQ(
         reinterpret_cast<IOM*>(object_of(static_cast<char*>(object) - 24)->blockStart->oi)->lpVtbl,
         &vtObject);
+}
+
+// Only 2 says that the attribute was there already.
+TEST_F(SecurityContexts, AnyOtherOpenedModeOfAnAttributeMeansThatItIsNew) {
+    initialized();
+    UINT64 id = 10;
+    for (UINT32 mode : {0u, 1u, 3u, 0x10002u}) {
+        stand_in_.created_mode = mode;
+        PVOID object = nullptr;
+        const SCHANDLE where = context(1, ++id);
+        ASSERT_EQ(create(where, 5, &object), KC_OK);
+        const Calls calls = stand_in_.take_calls();
+        EXPECT_EQ(calls.back(), "SADereference(1:" + std::to_string(id) + ",1)");
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "Release"), 0) << mode;
+    }
+}
+
+TEST_F(SecurityContexts, AnAttributeThatCannotBeMadeLeavesTheResultsAndTheManagerToTheCaller) {
+    initialized();
+    stand_in_.fail_next("SACreate", foreign_error(5));
+    stand_in_.created_mode = 2;  // of a failed creation it means nothing
+    IOM untouched = {};
+    PAttribute attribute = nullptr;
+    UINT32 access = 99;
+    EXPECT_EQ(_CreateSessionAttribute(info(), kFirst, &untouched, &attribute, &access),
+              foreign_error(5));
+    EXPECT_EQ(attribute, nullptr);
+    EXPECT_EQ(access, 99u);
+    EXPECT_CALLS("SACreate(1:1,1,2)");
 }
 
 TEST_F(SecurityContexts, AnObjectsLockIsReleasedWhileItsAttributeIsGivenBack) {
@@ -553,6 +591,8 @@ TEST_F(SecurityContexts, TheInitShimWritesTheHeaderOnlyAfterTheRoutineSucceeded)
     EXPECT_EQ(object.data.number, 8u);
     EXPECT_EQ(_DeleteObjectShim(&object), KC_OK);
     EXPECT_EQ(deleted, std::vector<UINT32>{8});
+    object.header.pfDelete = [](PVOID) -> KCSTATUS { return foreign_error(6); };
+    EXPECT_EQ(_DeleteObjectShim(&object), foreign_error(6));
     object.header.pfDelete = nullptr;
     EXPECT_EQ(_DeleteObjectShim(&object), KC_OK);
 }
@@ -674,6 +714,33 @@ TEST_F(SecurityContexts, LookUpsOfAnUninitialisedInstanceEndAsInAContextWithoutO
     EXPECT_CALLS();
 }
 
+TEST_F(SecurityContexts, LookUpsRefuseNullResultsWithoutALogLineOrALookUp) {
+    initialized();
+    created(kFirst, 1);
+    HANDLE scan = nullptr;
+    ISCOM_SCAN_DATA data = {};
+    const auto* table = manager_->lpVtbl;
+    EXPECT_EQ(table->ReferenceObjectByHandle(manager_, kFirst, reinterpret_cast<HANDLE>(0x01010001),
+                                             0, nullptr),
+              object_error(4));
+    EXPECT_EQ(table->FindObject(manager_, kFirst, nullptr, nullptr, 0, 0, nullptr),
+              object_error(4));
+    EXPECT_EQ(table->EnumerateObjects(manager_, kFirst, &scan, nullptr, nullptr, 0, nullptr),
+              object_error(4));
+    PVOID object = &object;
+    for (SCHANDLE where : {kFirst, kEveryContext}) {
+        EXPECT_EQ(SCObjectEnumerate2(manager_, where, &data, nullptr, nullptr, 0, nullptr),
+                  object_error(4));
+        EXPECT_EQ(SCObjectEnumerate2(manager_, where, nullptr, nullptr, nullptr, 0, &object),
+                  object_error(4));
+    }
+    EXPECT_EQ(object, &object);
+    EXPECT_EQ(scan, nullptr);
+    EXPECT_EQ(data.hEnumObject, nullptr);
+    statuses_.expect_none();
+    EXPECT_CALLS();
+}
+
 TEST_F(SecurityContexts, AnyLookUpFailureEndsAnEnumerationOrAFindButNotAReference) {
     initialized();
     created(kFirst, 1);
@@ -770,8 +837,11 @@ TEST_F(SecurityContexts, AHandleMeansSomethingOnlyWithItsContext) {
     EXPECT_EQ(object, nullptr);
 }
 
-TEST_F(SecurityContexts, MutexManagersAreHandedOverWithAnyAccess) {
-    initialized(3);
+class MutexManagers : public SecurityContexts, public testing::WithParamInterface<UINT32> {};
+INSTANTIATE_TEST_SUITE_P(Levels, MutexManagers, testing::Values(3u, 0x80000003u));
+
+TEST_P(MutexManagers, AreHandedOverWithAnyAccess) {
+    initialized(GetParam());
     ClientData* object = created(kFirst, 1);
     PVOID found = nullptr;
     ASSERT_EQ(manager_->lpVtbl->FindObject(manager_, kFirst, nullptr, nullptr, 0, 5, &found),
@@ -857,6 +927,8 @@ TEST_F(SecurityContexts, TheWildcardScanReferencesTheContextUnderWayAgain) {
               KC_OK);
     EXPECT_CALLS("SAEnumerate(2)", "EnumerateObjects(0)", "SADereference(1:1,2)");
     EXPECT_EQ(scan.hLastSC.hId, kFirst.hId);
+    EXPECT_EQ(scan.hEnumSCType.hId, &stand_in_);  // what the attribute manager left in each
+    EXPECT_EQ(scan.hEnumSC.hId, kFirst.hId);
     kept_.push_back(object);
     ASSERT_EQ(second->lpVtbl->EnumerateObjects(second, kEveryContext, &scan, nullptr, nullptr, 0,
                                                &object),
@@ -994,6 +1066,7 @@ TEST_F(SecurityContexts, OperationsOnANullObjectAreRefused) {
     EXPECT_EQ(manager_->lpVtbl->ReleaseObject(manager_, nullptr), object_error(4));
     EXPECT_EQ(manager_->lpVtbl->IncrementReference(manager_, nullptr), object_error(4));
     EXPECT_EQ(manager_->lpVtbl->DecrementReference(manager_, nullptr), object_error(4));
+    statuses_.expect_none();
 }
 
 TEST_F(SecurityContexts, StatisticsAreThoseOfTheContext) {

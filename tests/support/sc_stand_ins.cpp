@@ -155,6 +155,7 @@ struct AttributeSlots {
         current->record("SACreate(" + name(context) + "," + std::to_string(create) + "," +
                         std::to_string(open) + ")");
         EXPECT_EQ(handle, current);
+        *opened = current->created_mode;
         if (const auto failed = current->failure("SACreate")) return *failed;
         auto held = std::make_unique<AttributeStandIn::Held>();
         held->attribute = {context, &held->data};
@@ -172,7 +173,6 @@ struct AttributeSlots {
         } else {
             if (const KCSTATUS status = init(&held->attribute, init_data); KC_IS_ERROR(status))
                 return status;
-            *opened = 1;
         }
         *attribute = &held->attribute;
         current->attributes_[{context.hTypeId, context.hId}] = std::move(held);

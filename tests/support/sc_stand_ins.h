@@ -31,6 +31,8 @@ class AttributeStandIn {
     // The next SACreate finds that another thread was first: it makes the attribute with `winner`.
     void lose_next_creation() { lose_creation_ = true; }
 
+    UINT32 created_mode = 1;  // opened mode of a new attribute
+
     int referenced() const { return referenced_; }  // attributes handed out and not given back
     int manager_references() const { return references_; }
     UINT32 attributes() const { return static_cast<UINT32>(attributes_.size()); }
