@@ -3,5 +3,6 @@
 #pragma once
 
 #include "osal/interface.hpp"
+#include "osal/registry.hpp"
 #include "osal/status.hpp"
 #include "osal/text.hpp"
