@@ -45,7 +45,7 @@ function(osal_shared_library target)
   if(ARG_OUTPUT)
     set_target_properties(${target} PROPERTIES PREFIX "" OUTPUT_NAME ${ARG_OUTPUT})
   endif()
-  target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR}/include)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>)
   target_link_libraries(${target} PRIVATE osal_flags)
   target_link_options(${target} PRIVATE ${OSAL_DEFS_FLAG} -Wl,--version-script=${map}
     -Wl,-Bsymbolic-functions -Wl,--enable-new-dtags -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
