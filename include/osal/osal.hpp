@@ -3,6 +3,7 @@
 #pragma once
 
 #include "osal/interface.hpp"
+#include "osal/lock.hpp"
 #include "osal/memory.hpp"
 #include "osal/registry.hpp"
 #include "osal/status.hpp"
