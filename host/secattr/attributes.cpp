@@ -219,9 +219,10 @@ UINT32 Release(PISA) {
 KCSTATUS SARegisterAttribute(PISA, const GUID* pComponentId, UINT32 dataSize,
                              PSA_CLEANUP_ROUTINE pCleanup, PSA_RELEASE_ROUTINE pRelease,
                              PHANDLE phAttribute) {
-    if (pComponentId == nullptr || phAttribute == nullptr || dataSize > ~0u - sizeof(Record))
-        return fail(KC_CODE_INVALID_ARGUMENT);
+    if (phAttribute == nullptr) return fail(KC_CODE_INVALID_ARGUMENT);
     *phAttribute = nullptr;
+    if (pComponentId == nullptr || dataSize > ~0u - sizeof(Record))
+        return fail(KC_CODE_INVALID_ARGUMENT);
     Type type = {*pComponentId, nullptr, pCleanup, pRelease};
     KCSTATUS status =
         make_manager(dataSize + sizeof(Record), true, end_attribute, &type.attributes);
@@ -322,11 +323,14 @@ KCSTATUS SAEnumerate(PISA, const GUID* pComponentId, HANDLE hAttribute, PSCHANDL
     Choice choice = {pCompareData, pCompare};
     PVOID object = nullptr;
     // The scan handle of the type's manager is all that the cursors have to hold.
-    const KCSTATUS status = slots(type->attributes)
-                                ->EnumerateObjects(type->attributes, &phEnum->hId, &choice,
-                                                   is_chosen, KX_OBJECT_NO_ACCESS, &object);
+    HANDLE scan = phEnum->hId;
+    KCSTATUS status = slots(type->attributes)
+                          ->EnumerateObjects(type->attributes, &scan, &choice, is_chosen,
+                                             KX_OBJECT_NO_ACCESS, &object);
     if (is_error(status)) return status;
-    return hand_out(static_cast<Record*>(object), access, ppAttribute);
+    status = hand_out(static_cast<Record*>(object), access, ppAttribute);
+    if (!is_error(status)) phEnum->hId = scan;
+    return status;
 }
 
 KCSTATUS SAAcquire(PISA, UINT32 access, PAttribute pAttribute) {

@@ -120,13 +120,119 @@ TEST_F(SecurityAttributes, BadArgumentsAreRefused) {
     EXPECT_EQ(
         sa->SAEnumerate(manager, nullptr, type, nullptr, &cursor, nullptr, nullptr, 0, &attribute),
         error(4));
-    EXPECT_EQ(sa->SAAcquire(manager, 3, nullptr), error(4));
+    EXPECT_EQ(
+        sa->SAEnumerate(manager, nullptr, type, &cursor, nullptr, nullptr, nullptr, 0, &attribute),
+        error(4));
+    EXPECT_EQ(
+        sa->SAEnumerate(manager, nullptr, type, &cursor, &cursor, nullptr, nullptr, 0, nullptr),
+        error(4));
+    EXPECT_EQ(sa->SAAcquire(manager, 1, nullptr), error(4));
+    ASSERT_EQ(create(context(1, 1), 1, &attribute), KC_OK);
+    for (UINT32 access : {0u, 3u})
+        EXPECT_EQ(sa->SAAcquire(manager, access, attribute), error(4));
+    EXPECT_EQ(sa->SAGetSCHandle(manager, attribute, nullptr), error(4));
+    give_back(attribute);
     EXPECT_EQ(sa->SARelease(manager, nullptr), error(4));
     EXPECT_EQ(sa->SAGetSCHandle(manager, nullptr, &cursor), error(4));
     EXPECT_EQ(contexts->lpVtbl->OpenContext(contexts, ~0ull, ~0ull, &cursor), error(4));
     EXPECT_EQ(contexts->lpVtbl->OpenContext(contexts, 1, 1, nullptr), error(4));
     EXPECT_EQ(contexts->lpVtbl->EnumerateContexts(contexts, nullptr, &cursor), error(4));
+    EXPECT_EQ(contexts->lpVtbl->EnumerateContexts(contexts, &handle, nullptr), error(4));
+    EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(9, 9)), error(3));
+}
+
+TEST_F(SecurityAttributes, ARefusedRegistrationNamesNoType) {
+    HANDLE made = &made;
+    EXPECT_EQ(manager->lpVtbl->SARegisterAttribute(manager, nullptr, 8, nullptr, nullptr, &made),
+              error(4));
+    EXPECT_EQ(made, nullptr);
+    made = &made;
+    EXPECT_EQ(manager->lpVtbl->SARegisterAttribute(manager, &kOther, ~0u, nullptr, nullptr, &made),
+              error(4));
+    EXPECT_EQ(made, nullptr);
+}
+
+// The record before the data is of a multiple of 8 bytes, and the sum has to fit in 32 bits.
+TEST_F(SecurityAttributes, DataAreRefusedJustWhereTheirSizeWouldWrap) {
+    HANDLE made = nullptr;
+    UINT32 refused = 0;
+    while (manager->lpVtbl->SARegisterAttribute(manager, &kOther, ~refused, nullptr, nullptr,
+                                                &made) == error(4))
+        ++refused;
+    EXPECT_GT(refused, 0u);
+    EXPECT_LT(refused, 1000u);
+    EXPECT_EQ(refused % 8, 0u);
+    PAttribute attribute = nullptr;
+    EXPECT_TRUE(KC_IS_ERROR(manager->lpVtbl->SACreate(manager, context(1, 1), made, nullptr,
+                                                      nullptr, 0, 0, &attribute, nullptr)));
+    EXPECT_EQ(attribute, nullptr);
+    EXPECT_TRUE(listed().empty());
+    EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, made), KC_OK);
+}
+
+TEST_F(SecurityAttributes, EveryRoutineMayBeMissing) {
+    HANDLE other = nullptr;
+    ASSERT_EQ(manager->lpVtbl->SARegisterAttribute(manager, &kOther, 16, nullptr, nullptr, &other),
+              KC_OK);
+    for (UINT64 user : {1, 2}) {
+        PAttribute attribute = nullptr;
+        ASSERT_EQ(manager->lpVtbl->SACreate(manager, context(user, 1), other, nullptr, nullptr, 0,
+                                            0, &attribute, nullptr),
+                  KC_OK);
+        EXPECT_EQ(number(attribute), 0u);
+        give_back(attribute);
+    }
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(1, 1)), KC_OK);
+    PAttribute attribute = nullptr;
+    EXPECT_EQ(manager->lpVtbl->SAReference(manager, context(1, 1), other, 0, &attribute), error(3));
+    EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, other), KC_OK);
+}
+
+// Of three attributes that come off a context, the clean-up of one deletes another.
+TEST_F(SecurityAttributes, DeletingAnAttributeOfAContextThatEndsDisturbsNoneOfTheOthers) {
+    static std::function<void()> on_cleanup;
+    static int calls;
+    calls = 0;
+    PAttribute kept[3] = {};
+    const auto delete_kept = [&] {
+        for (PAttribute& attribute : kept)
+            if (attribute != nullptr) manager->lpVtbl->SADelete(manager, 0, attribute);
+        std::fill(std::begin(kept), std::end(kept), nullptr);
+    };
+    on_cleanup = [&] {
+        ++calls;
+        delete_kept();
+    };
+    HANDLE types[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(manager->lpVtbl->SARegisterAttribute(
+                      manager, &kOther, 8, [](SCHANDLE) { on_cleanup(); }, note_release, &types[i]),
+                  KC_OK);
+        ASSERT_EQ(manager->lpVtbl->SACreate(manager, context(1, 1), types[i], nullptr, nullptr, 0,
+                                            0, &kept[i], nullptr),
+                  KC_OK);
+    }
+    EXPECT_EQ(contexts->lpVtbl->EndContext(contexts, context(1, 1)), KC_OK);
+    EXPECT_EQ(calls, 3);
+    EXPECT_EQ(releases, 3);
+    for (HANDLE each : types)
+        EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, each), KC_OK);
+}
+
+TEST_F(SecurityAttributes, OnlyExactlyOneOfACompareRoutineChooses) {
+    created(context(1, 1), 7);
+    SCHANDLE cursors[2] = {};
+    PAttribute attribute = nullptr;
+    const auto say = [](PAttribute, void* answer) -> BOOLEAN {
+        return *static_cast<BOOLEAN*>(answer);
+    };
+    for (BOOLEAN answer : {2, 255, 0}) {
+        EXPECT_EQ(KC_CODE(manager->lpVtbl->SAEnumerate(manager, nullptr, type, &cursors[0],
+                                                       &cursors[1], &answer, say, 0, &attribute)),
+                  KC_CODE_NO_MORE_ENTRIES);
+        EXPECT_EQ(attribute, nullptr);
+    }
 }
 
 TEST_F(SecurityAttributes, TheEndOfAContextCallsBothRoutinesExactlyOnce) {
@@ -361,6 +467,8 @@ TEST_F(SecurityAttributes, AThreadThatHoldsAnAttributeExclusivelyGetsNoFurtherAc
         EXPECT_EQ(manager->lpVtbl->SAEnumerate(manager, nullptr, type, &cursors[0], &cursors[1],
                                                nullptr, nullptr, access, &again),
                   kNotAcquired);
+        EXPECT_EQ(cursors[0].hId, nullptr);  // the next call tries again
+        EXPECT_EQ(cursors[1].hId, nullptr);
         EXPECT_EQ(manager->lpVtbl->SAAcquire(manager, access, attribute), kNotAcquired);
         EXPECT_EQ(again, nullptr);
         EXPECT_EQ(opened, 9u);

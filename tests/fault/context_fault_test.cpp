@@ -2,9 +2,11 @@
 // what they call fails: every heap request, every instance that is to be made, every call of the
 // attribute manager and every call of an object manager, each once. After each failure the status
 // is right, no attribute is referenced, nothing is leaked, and the operation works on the next try.
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "osal/internal/object.h"
@@ -324,13 +326,19 @@ class ContextFaults : public ContextObjects {
         return status;
     }
     KCSTATUS open_context() {
-        SCHANDLE opened;
-        return contexts->lpVtbl->OpenContext(contexts, 1, 1, &opened);
+        SCHANDLE opened = kEverywhere;
+        const KCSTATUS status = contexts->lpVtbl->OpenContext(contexts, 1, 1, &opened);
+        EXPECT_EQ(user_of(opened), user_of(KC_IS_ERROR(status) ? kEverywhere : kHere));
+        return status;
     }
     KCSTATUS register_type() {
         HANDLE made = &made;
         const KCSTATUS status =
             manager->lpVtbl->SARegisterAttribute(manager, &kOther, 100, nullptr, nullptr, &made);
+        if (status != kInjected) {  // for which nothing was asked
+            EXPECT_EQ(made == nullptr, KC_IS_ERROR(status));
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(made) >> 32, 0u);
+        }
         if (!KC_IS_ERROR(status)) manager->lpVtbl->SADeregisterAttribute(manager, made);
         return status;
     }
@@ -458,6 +466,171 @@ TEST_F(ContextFaults, AFailedFirstObjectLeavesAnEmptyManagerThatTheNextOneUses) 
     find_or_create(kHere, 1);
     EXPECT_EQ(all_objects().size(), 1u);
     EXPECT_EQ(referenced, 0);
+}
+
+// --- What others do in the midst of an operation ---
+
+// Called on this thread after its next call of this name of an object manager.
+thread_local const char* meddle_after = nullptr;
+thread_local std::function<void()> meddle;
+
+template <auto Slot, class... Arguments>
+KCSTATUS meddled_call(const char* name, PVOID manager, Arguments... arguments) {
+    const KCSTATUS status = (real_objects.*Slot)(manager, arguments...);
+    if (meddle_after != nullptr && std::string(meddle_after) == name) {
+        meddle_after = nullptr;
+        meddle();
+    }
+    return status;
+}
+
+class MeddledAttributes : public SecurityAttributes {
+  protected:
+    MeddledAttributes() {
+        real_objects = vtObject;
+        vtObject.CreateObject = [](auto... all) {
+            return meddled_call<&IOMVtbl::CreateObject>("CreateObject", all...);
+        };
+        vtObject.DeleteObject = [](auto... all) {
+            return meddled_call<&IOMVtbl::DeleteObject>("DeleteObject", all...);
+        };
+        vtObject.FindObject = [](auto... all) {
+            return meddled_call<&IOMVtbl::FindObject>("FindObject", all...);
+        };
+        vtObject.EnumerateObjects = [](auto... all) {
+            return meddled_call<&IOMVtbl::EnumerateObjects>("EnumerateObjects", all...);
+        };
+        vtObject.ReferenceObjectByHandle = [](auto... all) {
+            return meddled_call<&IOMVtbl::ReferenceObjectByHandle>("ReferenceObjectByHandle",
+                                                                   all...);
+        };
+    }
+    ~MeddledAttributes() override {
+        EXPECT_EQ(meddle_after, nullptr) << "was never called";
+        vtObject = real_objects;
+    }
+
+    static void after(const char* call, std::function<void()> routine) {
+        meddle_after = call;
+        meddle = std::move(routine);
+    }
+    // Another thread's operation does not come to its end before this one's.
+    void expect_to_hold_up(const char* call, const std::function<void()>& operation,
+                           const std::function<void()>& others) {
+        std::thread other;
+        std::atomic<bool> done = false;
+        after(call, [&] {
+            other = std::thread([&] {
+                others();
+                done = true;
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            EXPECT_FALSE(done) << call;
+        });
+        operation();
+        if (other.joinable()) other.join();
+    }
+    void end(SCHANDLE where) { contexts->lpVtbl->EndContext(contexts, where); }
+    void open(SCHANDLE where) {
+        SCHANDLE opened;
+        EXPECT_EQ(contexts->lpVtbl->OpenContext(contexts, user_of(where), 1, &opened), KC_OK);
+    }
+
+    const SCHANDLE kHere = context(1, 1);
+    const SCHANDLE kElsewhere = context(2, 1);
+};
+
+TEST_F(MeddledAttributes, AContextDoesNotEndWhileItGetsAnAttribute) {
+    open(kHere);
+    expect_to_hold_up(
+        "CreateObject", [&] { created(kHere, 7); }, [&] { end(kHere); });
+    EXPECT_EQ(cleanups, 1);
+    EXPECT_EQ(releases, 1);
+}
+
+TEST_F(MeddledAttributes, AContextIsNotSeenBeforeItHasItsFirstAttribute) {
+    expect_to_hold_up(
+        "CreateObject", [&] { created(kHere, 7); }, [&] { listed(); });
+}
+
+TEST_F(MeddledAttributes, ContextsBeginAndEndOneOperationAtATime) {
+    expect_to_hold_up(
+        "CreateObject", [&] { open(kHere); }, [&] { end(kHere); });
+    created(kHere, 7);
+    expect_to_hold_up(
+        "EnumerateObjects", [&] { EXPECT_EQ(listed().size(), 1u); }, [&] { end(kHere); });
+    created(kHere, 7);
+    expect_to_hold_up(
+        "FindObject", [&] { end(kHere); }, [&] { open(kElsewhere); });
+    expect_to_hold_up(
+        "EnumerateObjects", [&] { end(kElsewhere); }, [&] { created(kHere, 7); });
+    EXPECT_EQ(listed(), (std::multiset<UINT64>{1}));
+}
+
+TEST_F(MeddledAttributes, AttributesComeOffTheirContextsOneOperationAtATime) {
+    created(kHere, 7);
+    PAttribute attribute = nullptr;
+    ASSERT_EQ(reference(kHere, &attribute), KC_OK);
+    expect_to_hold_up(
+        "DeleteObject", [&] { EXPECT_EQ(manager->lpVtbl->SADelete(manager, 0, attribute), KC_OK); },
+        [&] { end(kHere); });
+    EXPECT_EQ(cleanups, 0);
+    EXPECT_EQ(releases, 1);
+    created(kHere, 7);
+    expect_to_hold_up(
+        "EnumerateObjects",
+        [&] { EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, type), KC_OK); },
+        [&] { end(kHere); });
+    type = nullptr;
+    EXPECT_EQ(cleanups, 0);
+    EXPECT_EQ(releases, 2);
+}
+
+TEST_F(MeddledAttributes, AContextThatSomebodyElseOpenedMeanwhileOutlivesAFailedAttribute) {
+    after("FindObject", [&] { std::thread([&] { open(kHere); }).join(); });
+    PAttribute attribute = nullptr;
+    EXPECT_EQ(
+        manager->lpVtbl->SACreate(manager, kHere, type, nullptr, refuse, 1, 2, &attribute, nullptr),
+        KC_MAKE_STATUS(3, 99, 5));
+    EXPECT_EQ(listed(), (std::multiset<UINT64>{1}));
+}
+
+// Nobody finds the attribute any more, but its creator has it like any other.
+TEST_F(MeddledAttributes, AnAttributeThatIsMadeAsItsTypeEndsIsReleasedByItsCreator) {
+    for (bool deletes : {false, true}) {
+        after("ReferenceObjectByHandle",
+              [&] { EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, type), KC_OK); });
+        PAttribute attribute = nullptr;
+        ASSERT_EQ(create(kHere, 7, &attribute, nullptr, 1), KC_OK);
+        PAttribute again = nullptr;
+        EXPECT_EQ(reference(kHere, &again), error(3));
+        EXPECT_EQ(number(attribute), 7u);
+        EXPECT_EQ(releases, 0);
+        EXPECT_EQ(deletes ? manager->lpVtbl->SADelete(manager, 1, attribute)
+                          : manager->lpVtbl->SADereference(manager, 1, attribute),
+                  KC_OK);
+        EXPECT_EQ(releases.exchange(0), 1);
+        EXPECT_EQ(manager->lpVtbl->SARegisterAttribute(manager, &kComponent, 8, note_cleanup,
+                                                       note_release, &type),
+                  KC_OK);
+    }
+    EXPECT_EQ(cleanups, 0);
+}
+
+TEST_F(MeddledAttributes, ATypeThatWasLookedAtLeavesNothingBehind) {
+    const HeapLedger ledger;
+    HANDLE other = nullptr;
+    ASSERT_EQ(manager->lpVtbl->SARegisterAttribute(manager, &kOther, 8, nullptr, nullptr, &other),
+              KC_OK);
+    SCHANDLE cursors[2] = {};
+    PAttribute attribute = nullptr;
+    EXPECT_EQ(KC_CODE(manager->lpVtbl->SAEnumerate(manager, &kOther, nullptr, &cursors[0],
+                                                   &cursors[1], nullptr, nullptr, 0, &attribute)),
+              KC_CODE_NO_MORE_ENTRIES);
+    open(kHere);
+    end(kHere);  // which looks at every type
+    EXPECT_EQ(manager->lpVtbl->SADeregisterAttribute(manager, other), KC_OK);
+    EXPECT_EQ(ledger.blocks(), 0u);
 }
 
 // The first use of the attribute manager builds what it stands on.
