@@ -58,6 +58,19 @@ TEST_F(SecurityAttributes, BothIdentifiersGiveTheSameManager) {
     passive->lpVtbl->Release(passive);
 }
 
+TEST_F(SecurityAttributes, InterfacesAndFactoriesCountTheirReferences) {
+    const UINT32 count = manager->lpVtbl->AddRef(manager);
+    void* out = nullptr;
+    EXPECT_EQ(manager->lpVtbl->QueryInterface(manager, &IID_IUnknown, &out), KC_OK);
+    EXPECT_EQ(manager->lpVtbl->AddRef(manager), count + 2);
+    EXPECT_EQ(contexts->lpVtbl->QueryInterface(contexts, &IID_IUnknown, &out), KC_OK);
+    EXPECT_EQ(contexts->lpVtbl->AddRef(contexts), count + 4);
+    for (UINT32 left = count + 4; left-- > count - 1;)
+        EXPECT_EQ(
+            left % 2 == 0 ? manager->lpVtbl->Release(manager) : contexts->lpVtbl->Release(contexts),
+            left);
+}
+
 TEST_F(SecurityAttributes, AContextBeginsWithItsFirstAttribute) {
     EXPECT_TRUE(listed().empty());
     created(context(1, 1), 7);
@@ -634,6 +647,12 @@ TEST_F(SecurityAttributes, TheComponentsEntryAnswersAsItsInterfaceSays) {
     EXPECT_EQ(out, nullptr);
     ASSERT_EQ(entry(classes[1], &IID_IClassFactory, &out), KC_S_OK);
     auto* factory = static_cast<LCM_IClassFactory*>(out);
+    const UINT32 count = factory->lpVtbl->AddRef(factory);
+    EXPECT_EQ(factory->lpVtbl->LockServer(factory, TRUE), KC_OK);
+    EXPECT_EQ(factory->lpVtbl->AddRef(factory), count + 2);
+    EXPECT_EQ(factory->lpVtbl->LockServer(factory, FALSE), KC_OK);
+    EXPECT_EQ(factory->lpVtbl->LockServer(factory, 2), KC_OK);
+    EXPECT_EQ(factory->lpVtbl->Release(factory), count - 1);
     EXPECT_EQ(factory->lpVtbl->CreateInstance(factory, nullptr, nullptr, &out), error(4));
     EXPECT_EQ(factory->lpVtbl->CreateInstance(factory, nullptr, &IID_ISecurityContext_1, nullptr),
               error(4));

@@ -2,6 +2,8 @@
 // what they call fails: every heap request, every instance that is to be made, every call of the
 // attribute manager and every call of an object manager, each once. After each failure the status
 // is right, no attribute is referenced, nothing is leaked, and the operation works on the next try.
+#include <dlfcn.h>
+
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -9,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "osal/component.h"
 #include "osal/internal/object.h"
 #include "osal/internal/scobject.h"
 #include "support/faults.h"
@@ -239,6 +242,14 @@ class ContextFaults : public ContextObjects {
         return happened;
     }
 
+    std::multiset<std::string> names() {
+        const auto buffer = read_statistics();
+        std::multiset<std::string> all;
+        for (UINT32 i = 0; i < buffer[0].InterfaceCount; ++i)
+            all.insert(buffer[0].GenOsalStatsInfo[i].ModuleName);
+        return all;
+    }
+
     const SCHANDLE kHere = context(1, 1);
     const SCHANDLE kEverywhere = context(~0ull, ~0ull);
 
@@ -251,13 +262,17 @@ class ContextFaults : public ContextObjects {
     }
 
     // What all instances have in use.
-    Held held() {
+    std::vector<GEN_OSAL_STATS_INFO_BUF> read_statistics() {
         UINT32 size = 0;
         services_->lpVtbl->KxGetGeneralOsalStatistics(services_, &size, nullptr);
         std::vector<GEN_OSAL_STATS_INFO_BUF> buffer(size / sizeof(GEN_OSAL_STATS_INFO_BUF) + 1);
         size = static_cast<UINT32>(buffer.size() * sizeof buffer[0]);
         EXPECT_EQ(services_->lpVtbl->KxGetGeneralOsalStatistics(services_, &size, buffer.data()),
                   KC_OK);
+        return buffer;
+    }
+    Held held() {
+        const auto buffer = read_statistics();
         Held sum = {0, 0, ledger_->blocks()};
         const GEN_OSAL_STATS_INFO* record = buffer[0].GenOsalStatsInfo;
         for (UINT32 i = 0; i < buffer[0].InterfaceCount; ++i) {
@@ -378,6 +393,10 @@ class ContextFaults : public ContextObjects {
     ISAVtbl wrapped_attributes_;
     std::optional<HeapLedger> ledger_;
 };
+
+TEST_F(ContextFaults, TheStatisticsNameTheAttributeManager) {
+    EXPECT_EQ(names().count("secattr"), 1u);
+}
 
 // --- The sweeps ---
 
@@ -660,6 +679,55 @@ TEST(AttributeStore, IsBuiltAtTheNextTryAfterAnyFailedHeapRequest) {
     EXPECT_GE(failures, 5);
     services->lpVtbl->Release(services);
     LcmStop();
+}
+
+TEST(AttributeStore, ItsFactoryGivesNothingWhenItCannotBeBuilt) {
+    ASSERT_EQ(LcmStart(nullptr), KC_OK);
+    auto* services = instance<IOsal>(CLSID_OrvaneOsal, IID_IOrvaneOsal_1);
+    void* library = dlopen(OSAL_LIBRARY_DIR "/components/secattr.so", RTLD_NOW);
+    ASSERT_NE(library, nullptr);
+    const auto entry =
+        reinterpret_cast<decltype(&DllGetClassObject)>(dlsym(library, "DllGetClassObject"));
+    void* made = nullptr;
+    ASSERT_EQ(entry(&CLSID_SecurityContextManager, &IID_IClassFactory, &made), KC_S_OK);
+    auto* factory = static_cast<LCM_IClassFactory*>(made);
+    {
+        FailingHeap fault(1);
+        EXPECT_TRUE(KC_IS_ERROR(
+            factory->lpVtbl->CreateInstance(factory, nullptr, &IID_ISecurityContext_1, &made)));
+    }
+    EXPECT_EQ(made, nullptr);
+    factory->lpVtbl->Release(factory);
+    dlclose(library);
+    services->lpVtbl->Release(services);
+    LcmStop();
+}
+
+TEST(AttributeStore, GoesWhenTheRuntimeStops) {
+    const HeapLedger ledger;
+    std::size_t kept = 0;  // by the library, from its first use on
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(LcmStart(nullptr), KC_OK);
+        auto* manager = instance<ISA>(CLSID_SecurityAttributeManager, IID_IContextAttribute_1);
+        auto* contexts =
+            instance<ISecurityContext>(CLSID_SecurityContextManager, IID_ISecurityContext_1);
+        HANDLE type = nullptr;
+        EXPECT_EQ(
+            manager->lpVtbl->SARegisterAttribute(manager, &kOther, 8, nullptr, note_release, &type),
+            KC_OK);
+        PAttribute attribute = nullptr;
+        ASSERT_EQ(manager->lpVtbl->SACreate(manager, context(1, 1), type, nullptr, nullptr, 0, 0,
+                                            &attribute, nullptr),
+                  KC_OK);
+        manager->lpVtbl->SADereference(manager, 0, attribute);
+        manager->lpVtbl->Release(manager);
+        contexts->lpVtbl->Release(contexts);
+        LcmStop();
+        EXPECT_EQ(releases.exchange(0), 1);  // with the type that nobody deregistered
+        if (round == 0) kept = ledger.blocks();
+        EXPECT_EQ(ledger.blocks(), kept);
+    }
+    EXPECT_LE(kept, 1u);
 }
 
 }  // namespace
