@@ -2,9 +2,11 @@
 // of it.
 #pragma once
 
+#include "osal/event.hpp"
 #include "osal/interface.hpp"
 #include "osal/lock.hpp"
 #include "osal/memory.hpp"
 #include "osal/registry.hpp"
 #include "osal/status.hpp"
 #include "osal/text.hpp"
+#include "osal/timeout.hpp"
