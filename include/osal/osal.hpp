@@ -9,4 +9,5 @@
 #include "osal/registry.hpp"
 #include "osal/status.hpp"
 #include "osal/text.hpp"
+#include "osal/thread.hpp"
 #include "osal/timeout.hpp"
