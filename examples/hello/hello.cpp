@@ -1,17 +1,23 @@
 #include <cstdio>
+#include <memory_resource>
+#include <mutex>
+#include <string>
+#include <vector>
 
-#include "osal/osal.h"
+#include "osal/osal.hpp"
 
 int main() {
-    DllStart();
-    LCM_IClassFactory* factory;
-    IOsal* osal;
-    if (DllGetClassObject(&CLSID_OrvaneOsal, &IID_IClassFactory, (void**)&factory) != KC_S_OK ||
-        factory->lpVtbl->CreateInstance(factory, nullptr, &IID_IOrvaneOsal_1, (void**)&osal) != 0)
-        return 1;
-    UINT64 now;
-    KxGetSystemTime(osal, &now);
-    std::printf("%llu seconds since 1970\n", (unsigned long long)(now - KX_UNIX_EPOCH) / 10000000);
-    OsalReleaseReference(osal);
-    DllStop();
+    kx::Runtime runtime;
+    kx::Service service("hello");
+    kx::Pool pool(service);
+    kx::Mutex mutex(service);
+    std::pmr::vector<std::pmr::string> greetings(&pool);
+    const auto greet = [&](const char* whom) {
+        std::lock_guard lock(mutex);
+        greetings.emplace_back("Hello, ").append(whom);
+    };
+    kx::Thread here(service, greet, "world"), there(service, greet, "component");
+    here.join();
+    there.join();
+    std::printf("%zu greetings, the first: %s\n", greetings.size(), greetings[0].c_str());
 }
