@@ -6,6 +6,7 @@
 #include "osal/interface.hpp"
 #include "osal/lock.hpp"
 #include "osal/memory.hpp"
+#include "osal/object.hpp"
 #include "osal/registry.hpp"
 #include "osal/status.hpp"
 #include "osal/text.hpp"

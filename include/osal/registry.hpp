@@ -74,11 +74,15 @@ class RegistryRecord {
         return std::launder(reinterpret_cast<const Information*>(buffer_.get()));
     }
     const std::byte* bytes() const { return buffer_.get(); }
-    // The units before the first zero.
-    std::u16string text(std::size_t offset, std::size_t size) const {
+    std::u16string units(std::size_t offset, std::size_t size) const {
         std::u16string units(size / sizeof(char16_t), u'\0');
         std::memcpy(units.data(), bytes() + offset, units.size() * sizeof(char16_t));
-        return units.substr(0, units.find(u'\0'));
+        return units;
+    }
+    // The units before the first zero.
+    std::u16string text(std::size_t offset, std::size_t size) const {
+        const std::u16string all = units(offset, size);
+        return all.substr(0, all.find(u'\0'));
     }
 
   private:
@@ -242,12 +246,13 @@ inline RegistryValue Key::decode(const ValueRecord& record) const {
 }
 
 inline RegistryStrings Key::decode_list(const ValueRecord& record, std::size_t size) const {
+    const std::u16string joined = record.units(record->ValueOffset, size);
     RegistryStrings list;
-    for (std::size_t start = 0; start < size;) {
-        const std::u16string text = record.text(record->ValueOffset + start, size - start);
-        if (text.empty()) break;
+    std::u16string_view rest = joined;
+    while (!rest.empty() && rest.front() != u'\0') {
+        const std::u16string_view text = rest.substr(0, rest.find(u'\0'));
         list.push_back(to_narrow(service_, text));
-        start += (text.size() + 1) * sizeof(char16_t);
+        rest.remove_prefix(std::min(text.size() + 1, rest.size()));
     }
     return list;
 }
