@@ -1056,6 +1056,63 @@ TEST_F(SecurityContexts, OperationsOnAnObjectReachItsOwnManager) {
     EXPECT_EQ(deleted, std::vector<UINT32>{5});
 }
 
+// What an object's manager is called with, each call answered by a status of its own.
+struct ForwardedCall {
+    PVOID manager, object;
+    UINT32 access;
+};
+ForwardedCall forwarded;
+
+template <UINT32 Code>
+KCSTATUS forward_with_access(PVOID manager, PVOID object, UINT32 access) {
+    forwarded = {manager, object, access};
+    return foreign_error(Code);
+}
+template <UINT32 Code>
+KCSTATUS forward_plain(PVOID manager, PVOID object) {
+    forwarded = {manager, object, 0};
+    return foreign_error(Code);
+}
+KCSTATUS forward_handle(PVOID manager, PVOID object, PHANDLE) {
+    forwarded = {manager, object, 0};
+    return foreign_error(27);
+}
+
+TEST_F(SecurityContexts, OperationsOnAnObjectPassArgumentsAndStatusesOnUnchanged) {
+    initialized();
+    ClientData* object = created(kSecond, 5);
+    PVOID const data = reinterpret_cast<_SCHeader*>(object) - 1;
+    PVOID const owner = object_of(data)->blockStart->oi;
+    const auto expect_forwarded = [&](KCSTATUS status, UINT32 code, UINT32 access) {
+        EXPECT_EQ(status, foreign_error(code));
+        EXPECT_EQ(forwarded.manager, owner);
+        EXPECT_EQ(forwarded.object, data);
+        EXPECT_EQ(forwarded.access, access);
+        forwarded = {};
+    };
+    const IOMVtbl real = vtObject;
+    vtObject.DeleteObject = forward_with_access<21>;
+    vtObject.DereferenceObject = forward_with_access<22>;
+    vtObject.AcquireObject = forward_with_access<23>;
+    vtObject.ReleaseObject = forward_plain<24>;
+    vtObject.IncrementReference = forward_plain<25>;
+    vtObject.DecrementReference = forward_plain<26>;
+    vtObject.GetObjectHandle = forward_handle;
+    const auto* table = manager_->lpVtbl;
+    for (UINT32 access : {0u, 1u, 2u, 7u}) {
+        expect_forwarded(table->DeleteObject(manager_, object, access), 21, access);
+        expect_forwarded(table->DereferenceObject(manager_, object, access), 22, access);
+        expect_forwarded(table->AcquireObject(manager_, object, access), 23, access);
+    }
+    HANDLE handle = nullptr;
+    expect_forwarded(table->ReleaseObject(manager_, object), 24, 0);
+    expect_forwarded(table->IncrementReference(manager_, object), 25, 0);
+    expect_forwarded(table->DecrementReference(manager_, object), 26, 0);
+    expect_forwarded(table->GetObjectHandle(manager_, object, &handle), 27, 0);
+    vtObject = real;
+    statuses_.expect_none();
+}
+
 TEST_F(SecurityContexts, OperationsOnANullObjectAreRefused) {
     initialized();
     HANDLE handle = nullptr;

@@ -703,6 +703,36 @@ TEST(AttributeStore, ItsFactoryGivesNothingWhenItCannotBeBuilt) {
     LcmStop();
 }
 
+std::atomic<int> services_made;
+
+KCSTATUS make_slowly(const GUID* clsid, void* outer, const GUID* iid, void** out) {
+    if (*clsid == CLSID_OrvaneOsal) {
+        ++services_made;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return LcmCreateInstance(clsid, outer, iid, out);
+}
+
+TEST(AttributeStore, IsBuiltByOneOfSeveralThatWantIt) {
+    ASSERT_EQ(LcmStart(nullptr), KC_OK);
+    void* library = dlopen(OSAL_LIBRARY_DIR "/components/secattr.so", RTLD_NOW);
+    ASSERT_NE(library, nullptr);
+    {
+        const Interpose hook("secattr.so", "LcmCreateInstance", make_slowly);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 3; ++i)
+            threads.emplace_back([] {
+                auto* made = instance<ISA>(CLSID_SecurityAttributeManager, IID_IContextAttribute_1);
+                made->lpVtbl->Release(made);
+            });
+        for (auto& thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(services_made, 1);
+    dlclose(library);
+    LcmStop();
+}
+
 TEST(AttributeStore, GoesWhenTheRuntimeStops) {
     const HeapLedger ledger;
     std::size_t kept = 0;  // by the library, from its first use on
