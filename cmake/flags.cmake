@@ -14,7 +14,8 @@ if(OSAL_SANITIZE)
   target_link_options(osal_flags INTERFACE -fsanitize=${OSAL_SANITIZE})
 endif()
 if(OSAL_COVERAGE)
-  target_compile_options(osal_flags INTERFACE --coverage)
+  # Counters are shared by threads.
+  target_compile_options(osal_flags INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(osal_flags INTERFACE --coverage)
 endif()
 

@@ -154,6 +154,8 @@ TEST(PortableModules, CallNeitherServicesNorThreads) {
     EXPECT_GT(undefined, 0u) << "no object file was read";
 }
 
+#if defined(OSAL_PLAIN_BUILD)
+
 TEST(StatusLibrary, HasNoWayToAllocate) {
     const Names allocators = {"malloc", "calloc", "realloc", "strdup", "asprintf",
                               "_Znwm",  "_Znam",  "fopen",   "fputs",  "fprintf"};
@@ -162,8 +164,6 @@ TEST(StatusLibrary, HasNoWayToAllocate) {
         EXPECT_FALSE(allocators.contains(name.substr(0, name.find('@')))) << name;
     }
 }
-
-#if defined(OSAL_PLAIN_BUILD)
 
 struct Section {
     unsigned long address, size;
