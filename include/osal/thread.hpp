@@ -117,8 +117,8 @@ struct Task {
 // The thread is joined by its destructor at the latest: it counts, and needs the library's code,
 // for as long as it runs, so a runtime could not be stopped behind a thread that was let go. A join
 // returns when the thread is gone and its thread-local objects are destroyed, which is later than
-// for those who wait for the handle. Joins are no cancellation points and never end early. They
-// need not succeed on the thread itself, which would wait for ever; that is not checked.
+// for those who wait for the handle. Joins are no cancellation points and never end early. A
+// thread that joins itself waits for ever; that is not checked.
 //
 // A thread may also be cancelled, leave by pthread_exit, or call KxExitThread without destroying
 // itself. After the first two a join starts a short-lived thread that makes up for what the

@@ -215,13 +215,6 @@ TEST_F(Threads, AreGoneWhenTheyAreJoined) {
     }
 }
 
-TEST_F(Threads, ARuntimeMayStopRightAfterAJoin) {
-    for (int round = 0; round < 100; ++round) {
-        kx::Thread returning(service, [] {});
-        kx::Thread unwinding(service, cancel_this_thread);
-    }
-}
-
 // What the thread did to plain data is seen after a join.
 TEST_F(Threads, AJoinSeesWhatTheThreadWrote) {
     for (const auto leave : {+[] {}, &cancel_this_thread}) {
@@ -312,6 +305,24 @@ TEST_F(Threads, KeepTheirInstance) {
     kx::Thread thread(own, [] { nap(milliseconds(10)); });
     own = service;
     thread.join();
+}
+
+void leave_late(void* value) {
+    nap(milliseconds(50));
+    pthread_exit(value);
+}
+
+// A thread that was not gone yet would return into code that is unloaded.
+TEST(FaceThreads, TheRuntimeMayStopRightAfterAJoin) {
+    for (const auto leave : {+[] {}, &cancel_this_thread}) {
+        {
+            const kx::Runtime runtime;
+            const Interpose lateness("osal.so", "pthread_exit", &leave_late);
+            const kx::Service service("unloaded at once");
+            const kx::Thread thread(service, leave);
+        }
+        nap(milliseconds(100));
+    }
 }
 
 TEST(FaceThreads, AnExceptionOutOfTheCallableEndsTheProcess) {
