@@ -1,4 +1,6 @@
 // Durations as the services take them.
+//
+//     service.call<&IOsalVtbl::KxWaitForThreadExit>(handle, kx::to_timeout(20ms));
 #pragma once
 
 #include <chrono>

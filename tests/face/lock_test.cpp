@@ -32,6 +32,7 @@ class Locks : public FaceTest {
     static void count_under(Lock& lock) {
         int count = 0;
         std::vector<std::thread> threads;
+        threads.reserve(4);
         for (int i = 0; i < 4; ++i)
             threads.emplace_back([&] {
                 for (int round = 0; round < 1000; ++round) {

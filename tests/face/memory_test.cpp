@@ -46,7 +46,7 @@ TEST_F(Memory, ObjectsAreMadeAndDeleted) {
     kx::Pool pool(service);
     std::pmr::polymorphic_allocator<> allocator(&pool);
     auto* text = allocator.new_object<std::string>(50, 'x');
-    EXPECT_EQ(counters().MemoryPagedInUse, sizeof *text);
+    EXPECT_EQ(counters().MemoryPagedInUse, sizeof(std::string));
     allocator.delete_object(text);
 }
 

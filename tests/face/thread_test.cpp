@@ -57,7 +57,7 @@ TEST_F(Threads, RunACallableWithArguments) {
     std::string written;
     kx::Thread thread(
         service,
-        [](std::unique_ptr<int> number, std::string text, std::string& out) {
+        [](std::unique_ptr<int> number, const std::string& text, std::string& out) {
             out = text + std::to_string(*number);
         },
         std::make_unique<int>(7), "seven is ", std::ref(written));
@@ -146,6 +146,7 @@ TEST_F(Threads, AreJoinedAtTheEndOfTheirScope) {
 TEST_F(Threads, MayBeMoved) {
     std::atomic<int> ended = 0;
     std::vector<kx::Thread> threads;
+    threads.reserve(5);
     for (int i = 0; i < 5; ++i)
         threads.emplace_back(service, [&] { ++ended; });
     kx::Thread moved = std::move(threads.back());
