@@ -12,3 +12,5 @@
 #include "osal/text.hpp"
 #include "osal/thread.hpp"
 #include "osal/timeout.hpp"
+#include "osal/timer.hpp"
+#include "osal/workitem.hpp"

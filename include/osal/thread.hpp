@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "osal/cancellation.hpp"
 #include "osal/interface.hpp"
 #include "osal/thread.h"
 #include "osal/timeout.hpp"
@@ -58,18 +59,6 @@ class AtThreadEnd {
 
   private:
     const std::shared_ptr<Departure> departure_;
-};
-
-// A scope in which the calling thread is not cancelled.
-class Uncancelled {
-  public:
-    Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_); }
-    ~Uncancelled() { pthread_setcancelstate(former_, nullptr); }
-    Uncancelled(const Uncancelled&) = delete;
-    Uncancelled& operator=(const Uncancelled&) = delete;
-
-  private:
-    int former_ = PTHREAD_CANCEL_ENABLE;
 };
 
 // What a thread runs; made by its creator, ended on the thread.
