@@ -42,9 +42,8 @@ void fetch_ahead(const Guess& guess, UINT32 index) {
 void note_place(Guess& guess, const IOM* manager, PVOID object_data) {
     const BlockHeader* block = object_of(object_data)->blockStart;
     note(guess.block, block);
-    if (guess.manager.load(std::memory_order_relaxed) == reinterpret_cast<uintptr_t>(manager))
-        return;
     note(guess.manager, manager);
+    // These may be others of a new manager at an old one's address.
     note(guess.buckets, block->oi->pHashListArray);
 }
 
