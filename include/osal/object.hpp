@@ -157,10 +157,16 @@ inline bool is_found(Status status, UINT32 none, UINT32 none_either) {
     return true;
 }
 
-// Whether a scan that failed can go on behind what failed.
-inline bool pass_over(HANDLE&) {
-    return false;
-}
+// Where a scan is.
+class HandleCursor {
+  public:
+    HANDLE* get() { return &scan_; }
+    // Whether a scan that failed can go on behind what failed.
+    static bool pass_over() { return false; }
+
+  private:
+    HANDLE scan_ = nullptr;
+};
 
 }  // namespace detail
 
@@ -197,6 +203,15 @@ class BasicObject {
         check(interface()->lpVtbl->GetObjectHandle(interface(), object_, &handle));
         return handle;
     }
+    // The security context that the object was created in.
+    SCHANDLE context() const requires requires(Holder holder) {
+        holder.get()->lpVtbl->GetObjectSecurityContext;
+    }
+    {
+        SCHANDLE context = {};
+        check(interface()->lpVtbl->GetObjectSecurityContext(interface(), object_, &context));
+        return context;
+    }
     // Another reference of the object, with no access.
     BasicObject share() const {
         check(interface()->lpVtbl->IncrementReference(interface(), object_));
@@ -218,21 +233,22 @@ class BasicObject {
     // Gives the access and the reference up.
     void reset() {
         if (object_ != nullptr)
-            interface()->lpVtbl->DereferenceObject(interface(), object_, take_access());
-        object_ = nullptr;
+            interface()->lpVtbl->DereferenceObject(interface(), take_object(), take_access());
+        manager_ = Holder();
     }
     // Takes the object out of every look-up, and gives the access and the reference up. Waits until
     // nobody else has access. Erasing an object twice only gives up the reference.
     void erase() {
         if (object_ != nullptr)
-            interface()->lpVtbl->DeleteObject(interface(), object_, take_access());
-        object_ = nullptr;
+            interface()->lpVtbl->DeleteObject(interface(), take_object(), take_access());
+        manager_ = Holder();
     }
 
   protected:
     auto* interface() const { return manager_.get(); }
 
   private:
+    T* take_object() { return std::exchange(object_, nullptr); }
     UINT32 take_access() { return static_cast<UINT32>(std::exchange(access_, Access::none)); }
 
     Holder manager_;
@@ -396,10 +412,9 @@ class BasicObjects {
         Status status;
         do
             status = manager_.template call<&Table::EnumerateObjects>(
-                context..., &cursor, PVOID{nullptr}, PKX_OBJECT_COMPARE_ROUTINE{nullptr},
+                context..., cursor.get(), PVOID{nullptr}, PKX_OBJECT_COMPARE_ROUTINE{nullptr},
                 static_cast<UINT32>(access), &data);
-        while (status.is_error() && status.code() == KC_CODE_INVALID_HANDLE &&
-               detail::pass_over(cursor));
+        while (status.is_error() && status.code() == KC_CODE_INVALID_HANDLE && cursor.pass_over());
         if (!detail::is_found(status, KC_CODE_NO_MORE_ENTRIES, KC_CODE_NO_MORE_ENTRIES)) return {};
         return adopt(data, access);
     }
@@ -409,7 +424,7 @@ class BasicObjects {
 // somebody has access to: no reference with access may outlive it on its own thread. References
 // without access may.
 template <class T>
-class Objects : public BasicObjects<T, IOM, detail::Borrowed<IOM>, HANDLE> {
+class Objects : public BasicObjects<T, IOM, detail::Borrowed<IOM>, detail::HandleCursor> {
   public:
     // Code 4: more than 255 objects to a block. Code 5: no memory.
     explicit Objects(const ObjectOptions& options = {})

@@ -2,6 +2,7 @@
 // of it.
 #pragma once
 
+#include "osal/context_object.hpp"
 #include "osal/event.hpp"
 #include "osal/interface.hpp"
 #include "osal/lock.hpp"

@@ -220,6 +220,33 @@ TEST_F(FaceTimer, IsCancelledAndDestroyedRightBehindARunThatArmedIt) {
     EXPECT_EQ(counters().TimerInUse, 0u);
 }
 
+// The library takes a timer for the one whose routine is running if it lies where that one lay.
+TEST_F(FaceTimer, IsCancelledOnceTheLibraryTakesItForAnotherNoMore) {
+    struct Both {
+        kx::Service& service;
+        std::unique_ptr<Timer> heir = {};
+        std::atomic<bool> armed = false;
+        bool has_its_place = false;
+    } both{service};
+    const PKX_TIMER_ROUTINE make_way = [](HANDLE self, PVOID context) -> void* {
+        auto* both = static_cast<Both*>(context);
+        both->service.call<&IOsalVtbl::KxDestroyTimer>(self);
+        both->heir = std::make_unique<Timer>(both->service, [] {});
+        both->has_its_place = both->heir->handle() == self;
+        both->heir->schedule(kNever);
+        both->armed = true;
+        std::this_thread::sleep_for(50ms);
+        return nullptr;
+    };
+    HANDLE first = nullptr;
+    kx::check(service.call<&IOsalVtbl::KxAllocTimer>(make_way, PVOID{&both}, FALSE, &first));
+    kx::check(service.call<&IOsalVtbl::KxScheduleTimer>(first, UINT64{0}));
+    wait_until([&] { return both.armed.load(); });
+    EXPECT_TRUE(both.heir->cancel());
+    EXPECT_FALSE(both.heir->armed());
+    if (!both.has_its_place) GTEST_SKIP() << "the heap has put it elsewhere";
+}
+
 TEST_F(FaceTimer, WhatItArmedIsWithdrawnWhenItsOwnerGoesMeanwhile) {
     std::atomic<int> runs = 0;
     std::atomic<bool> begun = false;
