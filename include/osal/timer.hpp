@@ -48,7 +48,6 @@ class TimerRoutine : public Routine {
         return true;
     }
     bool cancel() {
-        const Uncancelled uncancelled;  // as in close()
         std::unique_lock lock(mutex_);
         if (!again_) return withdraw(lock);
         again_.reset();
@@ -76,6 +75,7 @@ class TimerRoutine : public Routine {
                 waiting_ = false;
                 return true;
             }
+            const Uncancelled uncancelled;  // as in close()
             changed_.wait_for(lock, std::chrono::milliseconds(1));
         }
         return false;

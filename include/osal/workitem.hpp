@@ -68,9 +68,10 @@ class WorkItem {
 
     // Waits for runs of the callable on other threads, and if the item is queued for a worker to
     // come to it, who does not call the callable any more: what that uses may go as soon as this
-    // returns. So its owner must not hold a lock that the callable takes. Called from within the
-    // callable, waits for other runs only, and the callable itself goes when it returns and a
-    // worker has come to the item if it was queued again. Not a cancellation point.
+    // returns. So its owner must not hold a lock that the callable takes; and where the owner is
+    // another item's callable, that keeps a worker busy with waiting for one. Called from within
+    // the item's own callable, waits for other runs only, and the callable itself goes when it
+    // returns and a worker has come to the item if it was queued again. Not a cancellation point.
     ~WorkItem() = default;
 
     // Queues the item: the callable runs once. False: queued already and not begun, nothing
