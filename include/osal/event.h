@@ -71,7 +71,8 @@ KCSTATUS KxWaitForSingleEvent(PIOsal pThis, HANDLE Handle, INT64 Timeout);
  *
  * Any: returns the index of a signalled event, the lowest at entry, and resets it if it is a
  * synchronization event. If several are found signalled after a sleep, all of them are reset and
- * one index is returned. A wake-up that finds none signalled returns 0.
+ * one index is returned. A wake-up that finds none signalled returns 0. An event that is signalled
+ * as the time-out expires may be reset although the result is code 10.
  *
  * All: returns 0 once each event was found signalled. Synchronization events are reset as they are
  * found, one after the other, also if the wait fails or runs into its time-out. Each wake-up starts
