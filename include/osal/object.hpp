@@ -92,9 +92,9 @@ class Guard {
         if (thrown_) return refused;
         try {
             return call();
-        } catch (abi::__forced_unwind&) {
-            throw;
         } catch (...) {
+            // What has no type is the end of the thread, which has to go on.
+            if (abi::__cxa_current_exception_type() == nullptr) throw;
             thrown_ = std::current_exception();
             return refused;
         }

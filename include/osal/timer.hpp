@@ -59,18 +59,15 @@ class TimerRoutine : public Routine {
     }
 
   private:
-    static constexpr int kPatience = 1000;  // milliseconds
-
     bool is_armed() const { return waiting_ || again_; }
     void arm(UINT64 delay_us) {
         check(service_.call<&IOsalVtbl::KxScheduleTimer>(handle_, delay_us));
         waiting_ = true;
     }
     // True if a run was waited for and will not come. The library refuses while it is about to run
-    // this routine, or has not quite left it, or one of an earlier timer at the same address; the
-    // last of these may take long.
+    // this routine or has not quite left it.
     bool withdraw(std::unique_lock<std::mutex>& lock) {
-        for (int i = 0; waiting_ && i < kPatience; ++i) {
+        while (waiting_) {
             if (service_.call<&IOsalVtbl::KxCancelTimer>(handle_)) {
                 waiting_ = false;
                 return true;

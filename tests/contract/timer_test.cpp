@@ -482,6 +482,27 @@ TEST_P(Timer, ARoutineMayDestroyItsOwnTimer) {
     EXPECT_EQ(g_OsalCurrentlyExecutingTimerPtr, nullptr);
 }
 
+// It may get the address of the one that is gone.
+TEST_P(Timer, ATimerMadeInARoutineThatDestroyedItsOwnCanBeCancelled) {
+    Inside inside{osal, slots};
+    HANDLE timer = new_timer(
+        [](HANDLE self, void* context) -> void* {
+            auto* inside = static_cast<Inside*>(context);
+            const IOsalVtbl* slots = inside->slots;
+            HANDLE heir = nullptr;
+            EXPECT_EQ(slots->KxDestroyTimer(inside->osal, self), KC_OK);
+            EXPECT_EQ(slots->KxAllocTimer(inside->osal, ignore, nullptr, FALSE, &heir), KC_OK);
+            EXPECT_EQ(slots->KxScheduleTimer(inside->osal, heir, kTick), KC_OK);
+            EXPECT_EQ(slots->KxCancelTimer(inside->osal, heir), TRUE);
+            EXPECT_EQ(slots->KxDestroyTimer(inside->osal, heir), KC_OK);
+            return nullptr;
+        },
+        &inside);
+    EXPECT_EQ(arm(timer, kTick), KC_OK);
+    timers.erase(timer);
+    OsalServiceTimerQueues();
+}
+
 TEST_P(Timer, ARoutineMayCancelAnotherTimerOfTheSameTick) {
     Inside inside{osal, slots};
     inside.other = noting(7);

@@ -220,8 +220,7 @@ TEST_F(FaceTimer, IsCancelledAndDestroyedRightBehindARunThatArmedIt) {
     EXPECT_EQ(counters().TimerInUse, 0u);
 }
 
-// The library takes a timer for the one whose routine is running if it lies where that one lay.
-TEST_F(FaceTimer, IsCancelledOnceTheLibraryTakesItForAnotherNoMore) {
+TEST_F(FaceTimer, IsCancelledWhileTheRoutineOfOneThatLayAtItsAddressRuns) {
     struct Both {
         kx::Service& service;
         std::unique_ptr<Timer> heir = {};

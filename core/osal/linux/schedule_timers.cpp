@@ -91,6 +91,7 @@ Due take_head() REQUIRES(g_OsalTimerQueueMutex) {
     Timer* timer = g_OsalTimerQueHeadPtr;
     const Due due = {timer, timer->pCallerTimerRoutine, timer->pCallerContext};
     OsalRemoveFromTimerQue(timer);
+    store(timer->has_fired, TRUE);
     store(g_OsalCurrentlyExecutingTimerPtr, timer);
     store<UINT32>(timer->timerState, kFired);
     return due;
@@ -193,6 +194,12 @@ bool disarm(Timer* timer) {
     return true;
 }
 
+// The timer whose routine runs may be gone, destroyed by the routine, and a new one have its
+// address.
+bool is_executing(Timer* timer) {
+    return timer == load(g_OsalCurrentlyExecutingTimerPtr) && load(timer->has_fired);
+}
+
 void make_timer(Timer* timer, PKX_TIMER_ROUTINE routine, PVOID context) {
     timer->pCallerTimerRoutine = routine;
     timer->pCallerContext = context;
@@ -203,7 +210,8 @@ void make_timer(Timer* timer, PKX_TIMER_ROUTINE routine, PVOID context) {
     timer->delta = 0;
     timer->timerState = kNeverArmed;
     timer->sorted = FALSE;
-    announce_atomics(timer->timerState);
+    timer->has_fired = FALSE;
+    announce_atomics(timer->timerState, timer->has_fired);
 }
 
 }  // namespace
@@ -314,7 +322,7 @@ KCSTATUS KxScheduleTimer(PIOsal pThis, HANDLE hTimer, UINT64 Timeout) {
 BOOLEAN KxCancelTimer(PIOsal pThis, HANDLE hTimer) {
     auto* timer = as<Timer>(hTimer);
     if (live(pThis) == nullptr || timer == nullptr) return FALSE;
-    if (timer == load(g_OsalCurrentlyExecutingTimerPtr)) return FALSE;
+    if (is_executing(timer)) return FALSE;
     return disarm(timer);
 }
 

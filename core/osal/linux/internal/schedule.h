@@ -14,7 +14,7 @@
 //
 // Signature, pCallerTimerRoutine, pCallerContext: never change while the timer lives.
 // The others: guarded by g_OsalTimerQueueMutex, but timerState is read without it by
-// KxDestroyTimer.
+// KxDestroyTimer, and has_fired by KxCancelTimer.
 // Link, Link2: neither initialised nor used.
 struct _KX_TIMER_HANDLE_ {
     static constexpr UINT32 kSignature = osal::four_cc("TIMR");
@@ -33,6 +33,7 @@ struct _KX_TIMER_HANDLE_ {
     // Behind the stated fields, for the timer queue only.
     UINT64 expiry;         // the tick it is due in
     BOOLEAN sorted;        // in the timer queue and its index, not in the feeder queue
+    BOOLEAN has_fired;     // since it was allocated
     osal::IndexNode node;  // lent to the index
 };
 using KX_TIMER_HANDLE = _KX_TIMER_HANDLE_;
