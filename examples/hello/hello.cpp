@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <exception>
 #include <memory_resource>
 #include <mutex>
 #include <string>
@@ -6,7 +7,7 @@
 
 #include "osal/osal.hpp"
 
-int main() {
+int main() try {
     kx::Runtime runtime;
     kx::Service service("hello");
     kx::Pool pool(service);
@@ -20,4 +21,7 @@ int main() {
     here.join();
     there.join();
     std::printf("%zu greetings, the first: %s\n", greetings.size(), greetings[0].c_str());
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "hello: %s\n", error.what());
+    return 1;
 }

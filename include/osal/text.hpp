@@ -34,7 +34,8 @@ namespace detail {
 // WCHAR by the library alone, which is compiled apart from its clients; no header of this face
 // reads or writes through these pointers, so that no access of a client's is of another type than
 // its object.
-static_assert(sizeof(char16_t) == sizeof(WCHAR) && alignof(char16_t) == alignof(WCHAR));
+static_assert(sizeof(char16_t) == sizeof(WCHAR));
+static_assert(alignof(char16_t) == alignof(WCHAR));
 inline char* units(char* text) {
     return text;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/secattr.h"
+#include "support/counted.h"
 #include "support/face_test.h"
 
 namespace osal_test {
@@ -19,26 +20,7 @@ using kx::ContextObjects;
 
 constexpr GUID kComponent = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
 
-std::atomic<int> alive;
 std::atomic<int> cleanups;
-
-struct Counted {
-    explicit Counted(int key, std::string text = "") : key(key), text(std::move(text)) {
-        if (key < 0) throw std::runtime_error("negative");
-        ++alive;
-    }
-    ~Counted() { --alive; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-    const int key;
-    std::string text;
-    int hits = 0;
-};
-
-auto of(int key) {
-    return [key](const Counted& object) { return object.key == key; };
-}
 
 class FaceContextObjects : public FaceTest {
   protected:

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/counted.h"
 #include "support/face_test.h"
 #include "support/faults.h"
 
@@ -19,27 +20,6 @@ using kx::Access;
 using kx::Object;
 using kx::ObjectLock;
 using kx::Objects;
-
-std::atomic<int> alive;
-
-// Counts itself, and owns memory that a leak check would miss.
-struct Counted {
-    explicit Counted(int key, std::string text = "") : key(key), text(std::move(text)) {
-        if (key < 0) throw std::runtime_error("negative");
-        ++alive;
-    }
-    ~Counted() { --alive; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
-
-    const int key;
-    std::string text;
-    int hits = 0;
-};
-
-auto of(int key) {
-    return [key](const Counted& object) { return object.key == key; };
-}
 
 class FaceObjects : public FaceTest {
   protected:
