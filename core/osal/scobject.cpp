@@ -234,8 +234,7 @@ KCSTATUS SCObjectCreate(PVOID pThis, SCHANDLE hSC, PVOID pInitData,
     pSCObjectInfo soi = info_of(pThis);
     PAttribute attribute = nullptr;
     UINT32 attribute_access = 0;
-    Guess& guess = guess_of(soi, hSC);
-    fetch_ahead(guess, CompareIndex);
+    Guess& guess = fetch_ahead(soi, hSC, CompareIndex);
     KCSTATUS status = attribute_for_creation(soi, hSC, &attribute, &attribute_access);
     if (is_error(status)) return status;
 
@@ -265,8 +264,7 @@ KCSTATUS SCObjectReferenceByHandle(PVOID pThis, SCHANDLE hSC, HANDLE handle, UIN
     if (ppUserData == nullptr) return unlogged_object_error(KC_CODE_INVALID_ARGUMENT);
     pSCObjectInfo soi = info_of(pThis);
     PAttribute attribute = nullptr;
-    Guess& guess = guess_of(soi, hSC);
-    fetch_ahead(guess);
+    Guess& guess = fetch_ahead(soi, hSC);
     KCSTATUS status = _GetSessionAttribute(soi, hSC, &attribute);
     if (is_error(status)) return status;
     IOM* manager = manager_of(attribute);
@@ -311,8 +309,7 @@ KCSTATUS SCObjectFind(PVOID pThis, SCHANDLE hSC, PVOID pCompareData,
     if (ppUserData == nullptr) return unlogged_object_error(KC_CODE_INVALID_ARGUMENT);
     pSCObjectInfo soi = info_of(pThis);
     PAttribute attribute = nullptr;
-    Guess& guess = guess_of(soi, hSC);
-    fetch_ahead(guess, CompareIndex);
+    Guess& guess = fetch_ahead(soi, hSC, CompareIndex);
     // Contract: not logged by this operation, unlike the enumerations.
     if (is_error(_GetSessionAttribute(soi, hSC, &attribute)))
         return unlogged_object_error(KC_CODE_NO_MORE_ENTRIES);

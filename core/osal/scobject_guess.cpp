@@ -22,8 +22,6 @@ void note(std::atomic<uintptr_t>& word, const void* address) {
     if (word.load(std::memory_order_relaxed) != found) word.store(found, std::memory_order_relaxed);
 }
 
-}  // namespace
-
 Guess& guess_of(const void* owner, SCHANDLE context) {
     constexpr UINT64 kSpread = 0x9E3779B97F4A7C15;
     UINT64 mixed = reinterpret_cast<uintptr_t>(owner) ^ reinterpret_cast<uintptr_t>(context.hId);
@@ -31,12 +29,16 @@ Guess& guess_of(const void* owner, SCHANDLE context) {
     return guesses[mixed * kSpread >> (64 - kBits)];
 }
 
-void fetch_ahead(const Guess& guess, UINT32 index) {
+}  // namespace
+
+Guess& fetch_ahead(const void* owner, SCHANDLE context, UINT32 index) {
+    Guess& guess = guess_of(owner, context);
     const uintptr_t manager = guess.manager.load(std::memory_order_relaxed);
-    if (manager == 0) return;
+    if (manager == 0) return guess;
     fetch(manager, offsetof(ObjectInfo, index));
     fetch(guess.buckets.load(std::memory_order_relaxed) + index * sizeof(LIST_ENTRY), 1);
     fetch(guess.block.load(std::memory_order_relaxed) + offsetof(BlockHeader, oi), 1);
+    return guess;
 }
 
 void note_place(Guess& guess, const IOM* manager, PVOID object_data) {

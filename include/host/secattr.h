@@ -153,7 +153,7 @@ typedef struct ISA ISA, *PISA;
  * in secattr.so that of its slots. An attribute that is there from the first call to the last comes
  * exactly once; ones that begin or end meanwhile may come or not, and disturb nothing. (!) Code 9
  * at the end, the cursors unchanged: calling again may bring what has begun since. Code 3: no such
- * type.
+ * type. Code 0x1002: the access was refused, and the cursors are unchanged too.
  *
  * SAAcquire, SARelease: take and give back an access of an attribute that the caller has a
  * reference of. Code 4: an access other than 1 and 2.

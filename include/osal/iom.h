@@ -4,6 +4,8 @@
  * IID_IObjectManager_1 (IOM) or IID_IObjectManager_2 (IOM_2), and must be initialised before any
  * other operation. It keeps objects of one size for one client; the client sees of an object the
  * address of its data, which does not move, and a handle that goes stale when the object is freed.
+ * Once all objects of its block were freed, the block goes, and a new one may give out that handle
+ * again.
  * An object lives until it was deleted (or deallocated) and its last reference was given back.
  *
  * Locks. Each object has a lock that the client takes through the lookups or AcquireObject:

@@ -48,14 +48,6 @@ bool same(SCHANDLE a, SCHANDLE b) {
     return a.hTypeId == b.hTypeId && a.hId == b.hId;
 }
 
-template <class Scan>
-std::vector<int> keys(Scan scan) {
-    std::vector<int> found;
-    for (auto& object : scan)
-        found.push_back(object->key);
-    return found;
-}
-
 TEST_F(FaceContextObjects, AreOfOneContext) {
     ContextObjects<Counted> objects(kComponent, {.buckets = 4});
     EXPECT_FALSE(objects.find(one, {}, of(1)));

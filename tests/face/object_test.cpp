@@ -30,14 +30,6 @@ class FaceObjects : public FaceTest {
     }
 };
 
-template <class Scan>
-std::vector<int> keys(Scan scan) {
-    std::vector<int> found;
-    for (auto& object : scan)
-        found.push_back(object->key);
-    return found;
-}
-
 TEST_F(FaceObjects, AreConstructedInPlaceAndDestroyedOnceErased) {
     Objects<Counted> objects;
     Object<Counted> object = objects.create({}, 1, std::string(100, 'x'));

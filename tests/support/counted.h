@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace osal_test {
 
@@ -28,6 +29,15 @@ struct Counted {
 // Whether an object is the one of a key.
 inline auto of(int key) {
     return [key](const Counted& object) { return object.key == key; };
+}
+
+// The keys of a scan's objects.
+template <class Scan>
+std::vector<int> keys(Scan scan) {
+    std::vector<int> found;
+    for (auto& object : scan)
+        found.push_back(object->key);
+    return found;
 }
 
 }  // namespace osal_test
